@@ -1,0 +1,86 @@
+#include "foundation/pointer_array.h"
+
+#include <cstdlib>
+#include <cstring>
+
+namespace ntfs {
+
+CPointerArray::CPointerArray() : Elements(nullptr), Count(0), Capacity(0) {
+    InitializeCriticalSection(&Lock);
+}
+
+CPointerArray::~CPointerArray() {
+    std::free(Elements);
+    DeleteCriticalSection(&Lock);
+}
+
+int CPointerArray::InsertAfter(int index, intptr_t value) {
+    EnterCriticalSection(&Lock);
+    int result;
+    if (index < -1) index = -1;
+    if (index != -1 && index >= Count) index = Count - 1;
+    if (Count < Capacity) {
+        if (index == -1) {
+            // Spare capacity at the front: element 0 is overwritten, nothing moves.
+            Elements[0] = value;
+            result = 0;
+        } else {
+            std::memmove(&Elements[index + 2], &Elements[index + 1],
+                         sizeof(intptr_t) * static_cast<size_t>(Count - index - 1));
+            Elements[index + 1] = value;
+            result = index + 1;
+        }
+        ++Count;
+    } else {
+        auto* block = static_cast<intptr_t*>(
+            std::malloc(sizeof(intptr_t) * static_cast<size_t>(Capacity + 1)));
+        if (block == nullptr) {
+            LeaveCriticalSection(&Lock);
+            return -2;
+        }
+        // Growth copies around the new slot: elements up to `index` stay, the
+        // rest move up one place.
+        const int head = index + 1;
+        if (head > 0) std::memcpy(block, Elements, sizeof(intptr_t) * static_cast<size_t>(head));
+        if (Count > head) {
+            std::memcpy(&block[head + 1], &Elements[head],
+                        sizeof(intptr_t) * static_cast<size_t>(Count - head));
+        }
+        block[head] = value;
+        std::free(Elements);
+        Elements = block;
+        ++Capacity;
+        result = Count == 0 ? -1 : head;
+        ++Count;
+    }
+    LeaveCriticalSection(&Lock);
+    return result;
+}
+
+int CPointerArray::RemoveAt(int index) {
+    EnterCriticalSection(&Lock);
+    if (index < 0 || index >= Count) {
+        LeaveCriticalSection(&Lock);
+        return 0;
+    }
+    std::memmove(&Elements[index], &Elements[index + 1],
+                 sizeof(intptr_t) * static_cast<size_t>(Count - index - 1));
+    --Count;
+    LeaveCriticalSection(&Lock);
+    return 1;
+}
+
+int CPointerArray::IndexOf(intptr_t value) {
+    EnterCriticalSection(&Lock);
+    int found = -1;
+    for (int i = 0; i < Count; ++i) {
+        if (Elements[i] == value) {
+            found = i;
+            break;
+        }
+    }
+    LeaveCriticalSection(&Lock);
+    return found;
+}
+
+}  // namespace ntfs

@@ -1,0 +1,156 @@
+// CNTFSVolume: the NTFS implementation of CVolume and the NTFS-level
+// operations a host can reach.
+//
+// Ownership: the host owns the storage and this object. The volume owns its
+// five containers: FileHandles, FindHandles, FileRecords and Directories
+// (embedded; the last two keep released objects in a recover box of ten) and
+// ShortNameLists (made at mount). There is at most one CFullFileRecord per
+// record number and one CDirectory per directory, shared by reference count.
+//
+// Life: CreateFileSystemObject builds the object without I/O; Mount reads the
+// boot sector (or its backup), $MFT (or its mirror), and records 1, 3, 5 and
+// 6; Umount closes what is open and flushes the bitmaps, after which the
+// object is only good for destruction. The destructor does no I/O.
+//
+// Geometry has no fields of its own: the accessors read the boot sector image,
+// whose two record size fields InitializeGeometryData has replaced by byte
+// counts. The accessors are valid only after the boot data has been loaded.
+//
+// The members of this class are defined in the folder of the subsystem they
+// belong to (volume/, record/, data/, index/, file/).
+#pragma once
+
+#include <cstdint>
+
+#include "foundation/chain_element.h"
+#include "foundation/platform.h"
+#include "volume/volume.h"
+
+namespace ntfs {
+
+class CFileRecord;
+class CFullFileRecord;
+class CDirectory;
+class CFileHandle;
+class CFileRecordBitmap;
+class CClusterBitmap;
+struct _FILE_RECORD_HEADER;  // a raw FILE record image, read through endian.h
+
+// Boot sector fields, byte offsets into the 512-byte image.
+constexpr int kBootOemOffset = 3;
+constexpr int kBootBytesPerSectorOffset = 11;
+constexpr int kBootSectorsPerClusterOffset = 13;
+constexpr int kBootTotalSectorsOffset = 40;
+constexpr int kBootMftLcnOffset = 48;
+constexpr int kBootMftMirrorLcnOffset = 56;
+constexpr int kBootFileRecordSizeOffset = 64;
+constexpr int kBootIndexRecordSizeOffset = 68;
+constexpr int kBootSignatureOffset = 510;
+constexpr uint16_t kBootSignature = 0xAA55;
+
+// The one geometry class the library supports.
+constexpr int kSectorSize = 512;
+constexpr int kFileRecordSize = 1024;
+constexpr int kIndexRecordSize = 4096;
+
+class CNTFSVolume : public CVolume {
+public:
+    explicit CNTFSVolume(CStorage* storage);
+    CNTFSVolume(const CNTFSVolume&) = default;
+    CNTFSVolume& operator=(const CNTFSVolume&) = default;
+    // Destroys the embedded containers (Directories, FileRecords, FindHandles,
+    // FileHandles); no I/O, no Umount.
+    ~CNTFSVolume() override;
+
+    // The volume interface.
+    int Mount() override;
+    int Umount() override;
+    void* FindFirstFileA(const char16_t* path, _FIND_FILE_DATA* data) override;
+    int FindNextFileA(void* handle, _FIND_FILE_DATA* data) override;
+    int CloseFindHandle(void* handle) override;
+    void* CreateFileA(const char16_t* path, unsigned int attributes, unsigned int disposition,
+                      unsigned int access) override;
+    int ReadFile(void* handle, void* buffer, int size, int* done) override;
+    int WriteFile(void* handle, const void* buffer, int size, int* done) override;
+    int CloseFileHandle(void* handle) override;
+    int RenameFile(const char16_t* from, const char16_t* to) override;
+    unsigned int SetFilePointer(void* handle, unsigned int* low, int* high,
+                                unsigned int method) override;
+    int CreateDirectoryA(const char16_t* path, unsigned int attributes) override;
+    int RemoveDirectoryA(const char16_t* path) override;
+    // 16-bit bytes-per-sector field of the boot image, sign-extended.
+    int GetSectorSize() override;
+    int GetFileSize(void* handle, unsigned int* low, unsigned int* high);
+
+    // Geometry.
+    int GetClusterSectors() const;
+    int GetClusterSize() const { return ClusterSize; }
+    int GetFileRecordSize() const;
+    int GetIndexRecordSize() const;
+    int GetVirtualClusterSize() const { return VirtualClusterSize; }
+    // Stores the boot sector's total sector count, as it stands.
+    void GetVolumeSectorNumber(int64_t* out) const;
+    uint8_t GetVersionMajor() const { return VersionMajor; }
+    uint8_t GetVersionMinor() const { return VersionMinor; }
+
+    // Copies `count` sectors from `source` to `target` in passes of up to 128.
+    // `*done` counts the sectors written; a short read that reports success
+    // ends the copy with 0, so callers must compare `*done` with `count`.
+    [[nodiscard]] unsigned int CopySector(int64_t source, int64_t target, int count, int* done);
+
+    // Records of $MFT, by number: the only paths by which records travel.
+    [[nodiscard]] unsigned int ReadFileRecord(int64_t* number, void* buffer);
+    [[nodiscard]] unsigned int WriteFileRecord(int64_t* number, void* buffer);
+
+    // Shared, cached access to file records and directories: 0 and one
+    // reference (give it back with Release), or a failure code.
+    [[nodiscard]] unsigned int ReferenceFileRecord(int64_t number, CFullFileRecord** record);
+    [[nodiscard]] unsigned int ReferenceDirectory(int64_t number, const char16_t* path,
+                                                  CDirectory** directory);
+
+    // Clusters and records.
+    [[nodiscard]] unsigned int SearchSpareClusterAndAllocate(int wanted, int64_t* start, int* got,
+                                                             int ignoreExclusions);
+    [[nodiscard]] unsigned int SearchSpareClusterAndAllocateWithLeastItemNumber(
+        int wanted, int64_t* start, int* got, int least, int ignoreExclusions);
+    [[nodiscard]] unsigned int FreeClusters(int64_t* start, int count);
+    [[nodiscard]] unsigned int DeleteFileRecordFromMFT(int64_t number);
+
+    // The platform's time conversions, unadjusted (NTFS time is UTC).
+    void SystemTimeToFileTime(const _SYSTEMTIME* time, _LARGE_INTEGER* result);
+    void FileTimeToSystemTime(_LARGE_INTEGER* time, _SYSTEMTIME* result);
+
+protected:
+    // Reads one candidate boot sector at `sector`, checks it, derives the
+    // geometry and reads $MFT from its location or, on a record that fails
+    // its checks, from the mirror's. Nonzero on success; LastError otherwise.
+    int LoadBootupData(int64_t sector);
+    // Derives the geometry from BootSector in place (the two record size
+    // fields become byte counts): run once per boot image. Nonzero on success.
+    int InitializeGeometryData();
+    // Proves the raw $MFT record against its own data and sets up the MFT
+    // bitmap; takes ownership of `header`. Nonzero on success.
+    int InitializeMFT(_FILE_RECORD_HEADER* header);
+
+    CChainElementContainer* ShortNameLists;
+    CChainElementContainer FileHandles;
+    CChainElementContainer FindHandles;
+    CChainElementContainer FileRecords;
+    CChainElementContainer Directories;
+    int FileRecordSectors;
+    int IndexRecordSectors;
+    int VirtualClusterSize;
+    CFileRecordBitmap* MftBitmap;
+    CFullFileRecord* MftMirror;
+    CClusterBitmap* ClusterBitmap;
+    uint8_t BootSector[kSectorSize];
+    uint8_t VersionMajor;
+    uint8_t VersionMinor;
+    uint8_t SectorScratch[kSectorSize];
+};
+
+// The only way in: builds a CNTFSVolume over `storage` without any I/O and
+// stores it in `*volume`. Returns 1, or 0 when the object could not be made.
+int CreateFileSystemObject(CStorage* storage, CVolume** volume);
+
+}  // namespace ntfs
