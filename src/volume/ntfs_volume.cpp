@@ -50,7 +50,9 @@ void CNTFSVolume::GetVolumeSectorNumber(int64_t* out) const {
 
 unsigned int CNTFSVolume::CopySector(int64_t source, int64_t target, int count, int* done) {
     *done = 0;
-    void* buffer = std::malloc(static_cast<size_t>(GetSectorSize()) * kCopyChunkSectors);
+    // Sized by the one sector size the volume accepts, so a call before the
+    // boot data is loaded cannot overrun the buffer.
+    void* buffer = std::malloc(static_cast<size_t>(kSectorSize) * kCopyChunkSectors);
     if (buffer == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     unsigned int result = ERROR_SUCCESS;
     while (count > 0) {

@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Builds ntfskit and runs the whole test suite twice: once plain with -Werror,
+# once under AddressSanitizer and UndefinedBehaviorSanitizer. Installs the
+# Debian packages it needs when they are missing (needs root for that).
+#
+# Usage: scripts/test.sh [ctest arguments...]   e.g. scripts/test.sh -R BootData
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+build_root=${NTFSKIT_BUILD_ROOT:-$root/build}
+jobs=${NTFSKIT_JOBS:-2}
+
+"$root/scripts/install_deps.sh"
+
+run_suite() {
+    local name=$1
+    shift
+    local dir="$build_root/$name"
+    echo "== $name: configure and build in $dir"
+    cmake -S "$root" -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DNTFSKIT_WERROR=ON "$@" >/dev/null
+    cmake --build "$dir" -j "$jobs"
+    echo "== $name: ctest"
+    (cd "$dir" && ctest --output-on-failure -j "$jobs" "${ctest_args[@]}")
+}
+
+ctest_args=("$@")
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+
+run_suite plain -DNTFSKIT_SANITIZE=OFF
+run_suite sanitize -DNTFSKIT_SANITIZE=ON -DNTFSKIT_BENCH=OFF
+echo "== all suites passed"
