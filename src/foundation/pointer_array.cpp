@@ -83,4 +83,19 @@ int CPointerArray::IndexOf(intptr_t value) {
     return found;
 }
 
+void CPointerArray::StableSort(bool (*less)(intptr_t a, intptr_t b)) {
+    EnterCriticalSection(&Lock);
+    // Insertion sort: stable, and the lists are short.
+    for (int i = 1; i < Count; ++i) {
+        const intptr_t value = Elements[i];
+        int j = i;
+        while (j > 0 && less(value, Elements[j - 1])) {
+            Elements[j] = Elements[j - 1];
+            --j;
+        }
+        Elements[j] = value;
+    }
+    LeaveCriticalSection(&Lock);
+}
+
 }  // namespace ntfs

@@ -48,6 +48,10 @@ public:
         Capacity = 0;
     }
 
+    // Sorts the elements stably (equal elements keep their order) by `less`,
+    // under the array's lock.
+    void StableSort(bool (*less)(intptr_t a, intptr_t b));
+
     int GetCount() const { return Count; }
     // The element at `index`, or 0 outside 0 .. count - 1.
     intptr_t Get(int index) const {

@@ -34,6 +34,7 @@ class CDirectory;
 class CFileHandle;
 class CFileRecordBitmap;
 class CClusterBitmap;
+class CBitmapData;
 struct _FILE_RECORD_HEADER;  // a raw FILE record image, read through endian.h
 
 // Boot sector fields, byte offsets into the 512-byte image.
@@ -116,11 +117,30 @@ public:
     [[nodiscard]] unsigned int FreeClusters(int64_t* start, int count);
     [[nodiscard]] unsigned int DeleteFileRecordFromMFT(int64_t number);
 
+    // Writes a full record back at the end of a change: stamps the change
+    // time (and the given access and write times) into $STANDARD_INFORMATION
+    // and every $FILE_NAME, stores the change time in `*changeTime` (never
+    // null), writes the base record, then each modified extension record.
+    // Nonzero on success; LastError holds the code.
+    int UpdateFileRecord(CFullFileRecord* record, int64_t* accessTime, int64_t* writeTime,
+                         int64_t* changeTime);
+
     // The platform's time conversions, unadjusted (NTFS time is UTC).
     void SystemTimeToFileTime(const _SYSTEMTIME* time, _LARGE_INTEGER* result);
     void FileTimeToSystemTime(_LARGE_INTEGER* time, _SYSTEMTIME* result);
 
 protected:
+    // The subsystems below the volume reach its containers, bitmaps and
+    // scratch buffer directly, as parts of one object.
+    friend class CFileRecord;
+    friend class CFullFileRecord;
+    friend class CBitmapData;
+    friend class CFileRecordBitmap;
+    friend class CDirectory;
+    friend class CIndexRecord;
+    friend class CFileHandle;
+    friend class CFindHandle;
+
     // Reads one candidate boot sector at `sector`, checks it, derives the
     // geometry and reads $MFT from its location or, on a record that fails
     // its checks, from the mirror's. Nonzero on success; LastError otherwise.
@@ -131,6 +151,24 @@ protected:
     // Proves the raw $MFT record against its own data and sets up the MFT
     // bitmap; takes ownership of `header`. Nonzero on success.
     int InitializeMFT(_FILE_RECORD_HEADER* header);
+    // Writes the base record and each modified extension record, and clears
+    // the modified flags when all went well. Result also in LastError.
+    unsigned int WriteFullRecord(CFullFileRecord* record);
+    // References a system record for Mount: 1, or 0 with LastError set (a
+    // record that fails its checks is an unrecognised volume).
+    int ReferenceSystemRecord(int64_t number, CFullFileRecord** record);
+    // Unmount write-back of a bitmap: its cached unit, then its record,
+    // stamped with the current time. Result also in LastError.
+    unsigned int FlushBitmapRecord(CBitmapData* bitmap);
+    // Counts the clear bits of $MFT's $BITMAP over the records that exist
+    // into MftBitmap->FreeRecords.
+    unsigned int FreeMftRecordCount();
+
+    // Search routines over the volume's chains (parameter: see each body).
+    static int FileRecordSearchRoutine(CChainElement* element, void* parameter);
+    static int DirectorySearchRoutine(CChainElement* element, void* parameter);
+    static int FileHandleSearchRoutine(CChainElement* element, void* parameter);
+    static int FindHandleSearchRoutine(CChainElement* element, void* parameter);
 
     CChainElementContainer* ShortNameLists;
     CChainElementContainer FileHandles;

@@ -2,25 +2,10 @@
 // Each answers ERROR_NOT_SUPPORTED (boolean forms: 0 or null with LastError
 // set) so hosts and tests compile against the final header; an operation
 // leaves this file when its subsystem lands.
-#include <cstdlib>
-
 #include "foundation/log.h"
 #include "volume/ntfs_volume.h"
 
 namespace ntfs {
-
-int CNTFSVolume::InitializeMFT(_FILE_RECORD_HEADER* header) {
-    std::free(header);
-    LastError = ERROR_NOT_SUPPORTED;
-    return 0;
-}
-
-int CNTFSVolume::Mount() {
-    LastError = ERROR_NOT_SUPPORTED;
-    return 0;
-}
-
-int CNTFSVolume::Umount() { return 1; }
 
 void* CNTFSVolume::FindFirstFileA(const char16_t*, _FIND_FILE_DATA*) {
     LastError = ERROR_NOT_SUPPORTED;
@@ -81,28 +66,9 @@ int CNTFSVolume::GetFileSize(void*, unsigned int*, unsigned int*) {
     return 0;
 }
 
-unsigned int CNTFSVolume::ReadFileRecord(int64_t*, void*) { return ERROR_NOT_SUPPORTED; }
-
-unsigned int CNTFSVolume::WriteFileRecord(int64_t*, void*) { return ERROR_NOT_SUPPORTED; }
-
-unsigned int CNTFSVolume::ReferenceFileRecord(int64_t, CFullFileRecord**) {
-    return ERROR_NOT_SUPPORTED;
-}
-
 unsigned int CNTFSVolume::ReferenceDirectory(int64_t, const char16_t*, CDirectory**) {
     return ERROR_NOT_SUPPORTED;
 }
-
-unsigned int CNTFSVolume::SearchSpareClusterAndAllocate(int, int64_t*, int*, int) {
-    return ERROR_NOT_SUPPORTED;
-}
-
-unsigned int CNTFSVolume::SearchSpareClusterAndAllocateWithLeastItemNumber(int, int64_t*, int*,
-                                                                            int, int) {
-    return ERROR_NOT_SUPPORTED;
-}
-
-unsigned int CNTFSVolume::FreeClusters(int64_t*, int) { return ERROR_NOT_SUPPORTED; }
 
 unsigned int CNTFSVolume::DeleteFileRecordFromMFT(int64_t) { return ERROR_NOT_SUPPORTED; }
 

@@ -1,0 +1,127 @@
+// Paged views of allocation bitmaps: the cluster bitmap ($Bitmap's $DATA),
+// the file record bitmap ($MFT's $BITMAP) and, as a base of the directory,
+// index bitmaps. One bit per item; a set bit means the item is in use.
+//
+// A CBitmapData caches one unit (one cluster's worth of bytes) of the
+// attribute. Every LoadUnit reads the unit again and writes a dirty one back
+// first; AllocateUnits and FreeUnits write their changes through before they
+// return. ItemCount is a limit of its own: bits behind it exist in the
+// attribute but are never handed out.
+//
+// Ownership: the bitmap owns its buffer, its copy of the attribute name and
+// its exclusion list; the Owner record is borrowed (the volume holds its
+// reference). Thread safety: no lock of its own. Users serialise on the
+// owning record: record allocation holds $MFT's exclusive lock; the cluster
+// bitmap is reached under the lock of whichever file record is changing.
+#pragma once
+
+#include <cstdint>
+
+namespace ntfs {
+
+class CFullFileRecord;
+class CNTFSVolume;
+
+// An inclusive range of items that a single-item search skips.
+struct _BITMAP_EXCLUSION {
+    _BITMAP_EXCLUSION* Next;
+    int64_t First;
+    int64_t Last;
+};
+
+class CBitmapData {
+public:
+    // Builds a bitmap over attribute (type, name) of `owner`, with units of
+    // `unitSize` bytes. Loads nothing; Enabled is 0 when the buffer could not
+    // be allocated.
+    CBitmapData(CNTFSVolume* volume, CFullFileRecord* owner, uint32_t type, const char16_t* name,
+                uint32_t nameLength, int unitSize, int64_t itemCount);
+    ~CBitmapData();
+    CBitmapData(const CBitmapData&) = delete;
+    CBitmapData& operator=(const CBitmapData&) = delete;
+
+    // Makes the unit that holds `*item` current, writing a dirty unit back
+    // first. Reads the unit every time.
+    [[nodiscard]] unsigned int LoadUnit(int64_t* item);
+    // First-fit search for `wanted` (> 1) free items from the first bit of
+    // the cached unit, through the wrap. 0 with *start/*got (got may exceed
+    // wanted by up to seven), or ERROR_HANDLE_DISK_FULL with *got = longest
+    // run seen. Marks nothing.
+    [[nodiscard]] unsigned int SearchSpareUnits(int wanted, int64_t* start, int* got,
+                                                int ignoreExclusions);
+    // Search for one free item, honouring the exclusion list unless told not to.
+    [[nodiscard]] unsigned int SearchSingleUnit(int64_t* start, int ignoreExclusions);
+    // Search and mark; the marked bits reach the attribute before it returns.
+    [[nodiscard]] unsigned int AllocateUnits(int wanted, int64_t* start, int* got,
+                                             int ignoreExclusions);
+    // Clears `count` bits at `*start` (whether set or not) and writes through.
+    [[nodiscard]] unsigned int FreeUnits(int64_t* start, uint32_t count);
+    // Writes the cached unit back if it is dirty; Dirty is cleared whatever
+    // the write gave.
+    [[nodiscard]] unsigned int FlushBitmap();
+
+    // Whether the item's bit is set, loading its unit; for tests and tools.
+    [[nodiscard]] unsigned int IsItemInUse(int64_t item, bool* inUse);
+
+    int64_t GetItemCount() const { return ItemCount; }
+    CFullFileRecord* GetOwner() const { return Owner; }
+    int IsDirty() const { return Dirty; }
+    uint32_t GetAttributeType() const { return AttributeType; }
+    const char16_t* GetAttributeName() const { return AttributeName; }
+    uint32_t GetNameLength() const { return NameLength; }
+
+    // Zero bits in a byte (8 for 0, 0 for 255); used for free-record counts.
+    static int FreeBitsInByte(uint8_t value);
+
+protected:
+    // Marks `count` items from `first`, loading each unit it enters.
+    [[nodiscard]] unsigned int MarkUnits(int64_t first, int64_t count);
+    // Writes the cached unit back after an allocation or a release.
+    [[nodiscard]] unsigned int WriteThrough();
+    bool IsExcluded(int64_t item, int64_t* last) const;
+    int64_t NextUnitPosition() const;
+    // Upper bound on the units a wrapped scan may visit; valid bitmaps end far
+    // sooner, a damaged one cannot loop for ever.
+    int64_t ScanUnitLimit() const;
+
+    int Enabled;
+    int Dirty;
+    int64_t UnitBase;
+    uint32_t AttributeType;
+    char16_t* AttributeName;
+    uint32_t NameLength;
+    uint8_t* Buffer;
+    int ValidBytes;
+    int UnitSize;
+    int64_t ItemCount;
+    CFullFileRecord* Owner;
+    _BITMAP_EXCLUSION* ExcludedRanges;
+    CNTFSVolume* Volume;
+};
+
+// The cluster bitmap: $DATA of record 6, one bit per cluster of the volume.
+class CClusterBitmap : public CBitmapData {
+public:
+    CClusterBitmap(CNTFSVolume* volume, CFullFileRecord* bitmapRecord, int unitSize,
+                   int64_t clusterCount);
+};
+
+// The file record bitmap: $BITMAP of $MFT, with the state of record
+// allocation and of the $MFT relocation that may grow it.
+class CFileRecordBitmap : public CBitmapData {
+public:
+    CFileRecordBitmap(CNTFSVolume* volume, CFullFileRecord* mft, int unitSize, int sectorsPerRecord,
+                      int recordSize, int64_t recordCount);
+
+    CFullFileRecord* Mft;
+    int SectorsPerFileRecord;
+    int FileRecordSize;
+    CNTFSVolume* Volume;
+    int Growing;
+    int64_t ReserveBase;
+    int ReserveCount;
+    uint32_t ReserveMask;
+    int64_t FreeRecords;
+};
+
+}  // namespace ntfs

@@ -1,0 +1,46 @@
+// The only roads by which FILE records travel between memory and the MFT:
+// records are read from and written to $DATA of $MFT like any attribute
+// value, and records 0 to 3 are written a second time into $MFTMirr.
+#include "data/bitmap_data.h"
+#include "foundation/log.h"
+#include "record/full_file_record.h"
+#include "record/layout.h"
+#include "volume/ntfs_volume.h"
+
+namespace ntfs {
+
+namespace {
+// $MFTMirr keeps copies of the records 0 to 3.
+constexpr int64_t kMirroredRecords = 4;
+}  // namespace
+
+unsigned int CNTFSVolume::ReadFileRecord(int64_t* number, void* buffer) {
+    if (MftBitmap == nullptr) return ERROR_INTERNAL_ERROR;
+    CFullFileRecord* mft = MftBitmap->Mft;
+    const int recordSize = GetFileRecordSize();
+    int64_t offset = static_cast<int64_t>(recordSize) * *number;
+    uint32_t read = 0;
+    mft->LockShared();
+    const unsigned int code = mft->ReadAttribute(AttributeData, nullptr, 0, &offset,
+                                                 static_cast<uint32_t>(recordSize), buffer, &read);
+    mft->UnlockShared();
+    return code;
+}
+
+unsigned int CNTFSVolume::WriteFileRecord(int64_t* number, void* buffer) {
+    if (MftBitmap == nullptr) return LastError = ERROR_INTERNAL_ERROR;
+    const int recordSize = GetFileRecordSize();
+    int64_t offset = static_cast<int64_t>(recordSize) * *number;
+    uint32_t written = 0;
+    LastError = MftBitmap->Mft->WriteAttribute(AttributeData, nullptr, 0, &offset,
+                                               static_cast<uint32_t>(recordSize), buffer, &written);
+    if (LastError == ERROR_SUCCESS && *number < kMirroredRecords && MftMirror != nullptr) {
+        MftMirror->LockExclusive();
+        LastError = MftMirror->WriteAttribute(AttributeData, nullptr, 0, &offset,
+                                              static_cast<uint32_t>(recordSize), buffer, &written);
+        MftMirror->UnlockExclusive();
+    }
+    return LastError;
+}
+
+}  // namespace ntfs

@@ -1,0 +1,140 @@
+// CFullFileRecord: one file with all its FILE records. It is the base record
+// (its CFileRecord part) and, through $ATTRIBUTE_LIST, the extension records
+// that hold the rest of its attributes; it offers one merged, sorted table of
+// all attributes, so that FindAttribute sees the file as a whole. It is the
+// unit of sharing (a CShareElement on the volume's FileRecords chain), of
+// locking and of writing back.
+//
+// Attribute data is read and written through this object (ReadAttribute,
+// WriteAttribute; their bodies live in data/), for every file including $MFT
+// itself, whose records are read through its own $DATA.
+//
+// Ownership: the object owns its extension records, its attribute list copy
+// and both tables. A CAttribute* from the merged table belongs to the record
+// that holds it and is stale after any insertion or removal (the table is
+// rebuilt then).
+//
+// Locking: LockShared around reads of the contents, LockExclusive around
+// changes (order: find handle, directory, file record, $MFT innermost). The
+// arrays lock themselves for the moment of an insert or a sort.
+#pragma once
+
+#include <cstdint>
+
+#include "data/run_cursor.h"
+#include "foundation/chain_element.h"
+#include "foundation/pointer_array.h"
+#include "foundation/share_element.h"
+#include "record/file_record.h"
+
+namespace ntfs {
+
+class CNTFSVolume;
+
+// $ATTRIBUTE_LIST entry layout.
+constexpr int kListEntryTypeOffset = 0;
+constexpr int kListEntryLengthOffset = 4;
+constexpr int kListEntryNameLengthOffset = 6;
+constexpr int kListEntryNameOffsetOffset = 7;
+constexpr int kListEntryLowestVcnOffset = 8;
+constexpr int kListEntryReferenceOffset = 16;
+constexpr int kListEntryInstanceOffset = 24;
+constexpr int kListEntryNameOffset = 26;
+
+class CFullFileRecord : public CShareElement, public CFileRecord {
+public:
+    // Adopts `buffer`, the raw base record, and goes on the volume's
+    // FileRecords chain with one reference. LoadExtensionRecords must follow.
+    CFullFileRecord(int64_t recordNumber, void* buffer, CNTFSVolume* volume);
+    ~CFullFileRecord() override;
+
+    // CRecord: the whole file.
+    int Revert() override;
+    int IsValid() override { return Valid; }
+    int IsModified() override { return Modified; }
+    int Commit() override;
+
+    // Reads $ATTRIBUTE_LIST and seeds the merged table; 1 on success.
+    int LoadAttributeList();
+    // Loads the extension records the list names and sorts the merged table.
+    // 0, or ERROR_FILE_CORRUPT (bad list entry), ERROR_NOT_ENOUGH_MEMORY,
+    // ERROR_BAD_FORMAT (extension record fails its checks),
+    // ERROR_INTERNAL_ERROR (no $MFT yet) or a read error.
+    [[nodiscard]] unsigned int LoadExtensionRecords();
+    // Rebuilds the merged table after a change of the set of attributes.
+    void RebuildMergedTable();
+
+    // Reads `count` bytes of the value of attribute (type, name) at `*offset`
+    // into `buffer`; `*bytesRead` counts what was delivered, also on failure.
+    // Non-resident values are delivered as their runs hold them (compressed
+    // units expanded), with no regard to the data size: bounding the read is
+    // the caller's business. A count of 0 on a non-resident attribute returns
+    // its flags word (0 for plain data).
+    [[nodiscard]] unsigned int ReadAttribute(uint32_t type, const char16_t* name, uint32_t nameLength,
+                                             int64_t* offset, uint32_t count, void* buffer,
+                                             uint32_t* bytesRead);
+    // Reads the stored clusters of one compression unit at the cursor and
+    // moves it past them; `*compressed` tells whether the unit holds a
+    // compressed stream (its first run ends inside it and some, but not all,
+    // clusters are real).
+    [[nodiscard]] unsigned int ReadCompressionUnit(_RUN_CURSOR* cursor, uint32_t unitBytes,
+                                                   void* buffer, uint32_t* bytesRead,
+                                                   uint32_t* compressed);
+    // Brings the cursor to the run that holds its Vcn, moving across pieces.
+    // 0, or ERROR_BEYOND_END_OF_VALUE.
+    [[nodiscard]] unsigned int AdvanceRunCursor(_RUN_CURSOR* cursor);
+
+    // Writes `count` bytes into the value of attribute (type, name) at
+    // `*offset`. Sizes are not changed and nothing is extended: a write
+    // beyond the run list fails. Resident writes stay in memory until the
+    // record is written.
+    [[nodiscard]] unsigned int WriteAttribute(uint32_t type, const char16_t* name,
+                                              uint32_t nameLength, int64_t* offset, uint32_t count,
+                                              const void* buffer, uint32_t* bytesWritten);
+    [[nodiscard]] unsigned int WritePlainAttribute(uint32_t type, const char16_t* name,
+                                                   uint32_t nameLength, int64_t* offset,
+                                                   uint32_t count, const void* buffer,
+                                                   uint32_t* bytesWritten);
+
+    // The data size of attribute (type, name), piece 0: data size field or
+    // value length; 0 when it is missing.
+    int64_t GetAttributeDataSize(uint32_t type, const char16_t* name, uint32_t nameLength);
+    void MarkModified() { Modified = 1; }
+    void ClearModified();
+
+    CPointerArray& GetExtensionRecords() { return ExtensionRecords; }
+    int GetAttributeListSize() const { return AttributeListSize; }
+    const uint8_t* GetAttributeListData() const { return AttributeListData; }
+    CNTFSVolume* GetVolume() const { return CFileRecord::Volume; }
+
+    int Modified;
+    int Valid;
+
+protected:
+    // Sorts MergedAttributes: type, then name (exact, shorter first), then
+    // lowest VCN with resident as -1.
+    void SortMergedTable();
+    // ReadCompressionUnit that also hands out the device's code when a sector
+    // read failed (the unit itself then just comes back short).
+    [[nodiscard]] unsigned int ReadUnitReportingDevice(_RUN_CURSOR* cursor, uint32_t unitBytes,
+                                                       void* buffer, uint32_t* bytesRead,
+                                                       uint32_t* compressed, unsigned int* deviceCode);
+    // Fills a cursor for piece 0 of a non-resident attribute.
+    void InitializeRunCursor(CAttribute* attribute, _RUN_CURSOR* cursor);
+    // Points the cursor at the first mapping pair of `piece`.
+    [[nodiscard]] unsigned int EnterPiece(CAttribute* piece, _RUN_CURSOR* cursor);
+    // Steps the cursor to the next mapping pair of its piece.
+    [[nodiscard]] unsigned int StepRun(_RUN_CURSOR* cursor);
+
+    int Reserved;
+    int ClusterSectors;
+    int RecordSectors;
+    int ClusterSize;
+    CPointerArray MergedAttributes;
+    CPointerArray ExtensionRecords;
+    uint8_t* AttributeListData;
+    int AttributeListSize;
+    CChainElementContainer Unused;
+};
+
+}  // namespace ntfs
