@@ -92,6 +92,10 @@ public:
     // Stores the boot sector's total sector count, as it stands.
     void GetVolumeSectorNumber(int64_t* out) const;
     uint8_t GetVersionMajor() const { return VersionMajor; }
+    // The two allocation bitmaps of a mounted volume (null before Mount and
+    // after Umount); for tools that report free space and for tests.
+    CClusterBitmap* GetClusterBitmap() const { return ClusterBitmap; }
+    CFileRecordBitmap* GetMftBitmap() const { return MftBitmap; }
     uint8_t GetVersionMinor() const { return VersionMinor; }
 
     // Copies `count` sectors from `source` to `target` in passes of up to 128.
