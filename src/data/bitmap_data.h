@@ -60,6 +60,13 @@ public:
     // the write gave.
     [[nodiscard]] unsigned int FlushBitmap();
 
+    // Grows the attribute so that it holds `items` bits: in place while it is
+    // resident and its record has room, else as non-resident data with new
+    // zeroed clusters. A bitmap never shrinks. 0, or ERROR_INTERNAL_ERROR
+    // (attribute missing), ERROR_INSUFFICIENT_BUFFER (record full when adding
+    // a run: the caller makes room) or a code of the steps.
+    [[nodiscard]] unsigned int Resize(uint32_t items);
+
     // Whether the item's bit is set, loading its unit; for tests and tools.
     [[nodiscard]] unsigned int IsItemInUse(int64_t item, bool* inUse);
 

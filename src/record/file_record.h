@@ -77,6 +77,14 @@ public:
     // code, or ERROR_INTERNAL_ERROR when not valid or without a volume.
     [[nodiscard]] unsigned int WriteRecord();
 
+    // Turns resident `attribute` of this record into non-resident data with
+    // clusters of its own (compressed and sparse data start as one sparse
+    // unit and are written through the compressing path). 0, or
+    // ERROR_FILE_CORRUPT (not an attribute of this record),
+    // ERROR_INVALID_PARAMETER (not valid or already non-resident),
+    // ERROR_NOT_ENOUGH_MEMORY, or a code of the allocation and write.
+    [[nodiscard]] unsigned int MakeNonResident(CAttribute* attribute);
+
     // Makes the free record in `header` (`recordSize` bytes) ready for use, in
     // protected form: new sequence number and update sequence number, empty
     // attribute list, record number from `*reference` (an int64_t). Returns 1,

@@ -1,0 +1,254 @@
+// Making attributes larger than their place: a resident attribute becomes
+// non-resident with clusters of its own (CFileRecord::MakeNonResident), and a
+// bitmap attribute grows to hold more items (CBitmapData::Resize), in place
+// while it is resident and fits, with new clusters otherwise.
+//
+// Callers hold the exclusive lock of the record that holds the attribute.
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "data/bitmap_data.h"
+#include "foundation/endian.h"
+#include "foundation/log.h"
+#include "record/file_record.h"
+#include "record/full_file_record.h"
+#include "record/layout.h"
+#include "record/run_list.h"
+#include "volume/ntfs_volume.h"
+
+namespace ntfs {
+
+namespace {
+
+constexpr uint16_t kCompressionMask = 0x00FF;
+// The compressed or sparse form starts as one sparse unit of 16 clusters.
+constexpr int kStartUnitExponent = 4;
+constexpr int kStartUnitClusters = 1 << kStartUnitExponent;
+
+struct ClusterRun {
+    int64_t lcn;
+    int count;
+};
+
+void FreeRuns(CNTFSVolume* volume, const std::vector<ClusterRun>& runs) {
+    for (auto run = runs.rbegin(); run != runs.rend(); ++run) {
+        int64_t start = run->lcn;
+        (void)volume->FreeClusters(&start, run->count);
+    }
+}
+
+}  // namespace
+
+unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
+    if (attribute == nullptr || !attribute->InRecord || attribute->Record != this ||
+        GetAttributeIndex(attribute) < 0) {
+        return ERROR_FILE_CORRUPT;
+    }
+    if (!attribute->Valid || !attribute->IsResident() || !attribute->BodyFits()) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    const uint16_t flags = ReadU16(attribute->Header, kAttributeFlagsOffset);
+    const int clusterSize = Volume->GetClusterSize();
+    const int nameLength = attribute->GetNameLength();
+    const int valueLength = static_cast<int>(attribute->GetDataSize());
+    const uint32_t type = attribute->GetType();
+
+    if ((flags & 0x8000) != 0 || (flags & kCompressionMask) != 0) {
+        // Compressed or sparse: one sparse unit, then the value is written
+        // through the compressing write path, which allocates what it needs.
+        std::vector<uint8_t> saved(attribute->GetValue(), attribute->GetValue() + valueLength);
+        std::vector<char16_t> name(static_cast<size_t>(nameLength));
+        for (int i = 0; i < nameLength; ++i) name[static_cast<size_t>(i)] = attribute->GetNameUnit(i);
+        const int size = (nameLength * 2 + 0x52) & ~7;
+        CAttribute* resized = nullptr;
+        unsigned int code = attribute->SetSize(size, &resized);
+        if (code != ERROR_SUCCESS) return code;
+        uint8_t* header = attribute->Header;
+        std::memset(header + kAttributeNonResidentOffset, 0, static_cast<size_t>(size - kAttributeNonResidentOffset));
+        WriteU32(header, kAttributeLengthOffset, static_cast<uint32_t>(size));
+        WriteU8(header, kAttributeNonResidentOffset, 1);
+        WriteU8(header, kAttributeNameLengthOffset, static_cast<uint8_t>(nameLength));
+        WriteU16(header, kAttributeNameOffsetOffset, nameLength > 0 ? 0x48 : 0);
+        WriteU16(header, kAttributeFlagsOffset, flags);
+        WriteU64(header, kNonResidentLowestVcnOffset, 0);
+        WriteU64(header, kNonResidentHighestVcnOffset, kStartUnitClusters - 1);
+        const int runOffset = (nameLength + 0x24) * 2;
+        WriteU16(header, kNonResidentRunListOffsetOffset, static_cast<uint16_t>(runOffset));
+        WriteU8(header, kNonResidentCompressionUnitOffset, kStartUnitExponent);
+        WriteU64(header, kNonResidentAllocatedSizeOffset, static_cast<uint64_t>(clusterSize) << kStartUnitExponent);
+        for (int i = 0; i < nameLength; ++i) WriteU16(header, 0x48 + 2 * i, name[static_cast<size_t>(i)]);
+        const uint8_t sparseUnit[3] = {0x01, kStartUnitClusters, 0x00};
+        std::memcpy(header + runOffset, sparseUnit, sizeof(sparseUnit));
+        attribute->Mark();
+        if (Owner == nullptr) return ERROR_INTERNAL_ERROR;
+        int64_t offset = 0;
+        uint32_t written = 0;
+        code = Owner->WriteAttribute(type, nameLength > 0 ? name.data() : nullptr, static_cast<uint32_t>(nameLength),
+                                     &offset, static_cast<uint32_t>(saved.size()), saved.data(), &written);
+        if (code != ERROR_SUCCESS) return code;
+        CAttribute* again = Owner->FindAttribute(type, nameLength > 0 ? name.data() : nullptr,
+                                                 static_cast<unsigned int>(nameLength), 0);
+        if (again != nullptr) {
+            WriteU64(again->Header, kNonResidentDataSizeOffset, written);
+            WriteU64(again->Header, kNonResidentInitializedSizeOffset, written);
+            again->Mark();
+        }
+        return ERROR_SUCCESS;
+    }
+
+    // Plain form.
+    const int bytes = valueLength > 0 ? valueLength : 1;
+    const int recordSize = Volume->GetFileRecordSize();
+    auto* buffer = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(recordSize), 1));
+    if (buffer == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+    std::memcpy(buffer, attribute->GetValue(), static_cast<size_t>(valueLength));
+    const int needed = (bytes + clusterSize - 1) / clusterSize;
+
+    std::vector<ClusterRun> runs;
+    unsigned int code = ERROR_SUCCESS;
+    for (int missing = needed; missing > 0;) {
+        int64_t lcn = 0;
+        int got = 0;
+        code = Volume->SearchSpareClusterAndAllocate(missing, &lcn, &got, 0);
+        if (code == ERROR_SUCCESS && got == 0) code = ERROR_HANDLE_DISK_FULL;
+        if (code != ERROR_SUCCESS) break;
+        if (got > missing) got = missing;
+        runs.push_back({lcn, got});
+        missing -= got;
+    }
+    if (code == ERROR_SUCCESS) {
+        // The value fits in one record, so at most that many sectors are written
+        // into each run.
+        const int sectorsPerCluster = Volume->GetClusterSectors();
+        const int recordSectors = recordSize / Volume->GetSectorSize();
+        for (const ClusterRun& run : runs) {
+            int64_t sector = run.lcn * sectorsPerCluster;
+            int count = run.count * sectorsPerCluster;
+            if (count > recordSectors) count = recordSectors;
+            int done = 0;
+            code = Volume->WriteSector(buffer, &sector, count, &done, nullptr);
+            if (code != ERROR_SUCCESS) break;
+        }
+    }
+    uint8_t runBytes[kMaxEncodedRunSize];
+    int runSize = 0;
+    if (code == ERROR_SUCCESS) {
+        runSize = EncodeDataRun(needed, runs.back().lcn, runBytes);
+        CAttribute* resized = nullptr;
+        code = attribute->SetSize(runSize + kNonResidentHeaderSize + nameLength * 2, &resized);
+    }
+    if (code != ERROR_SUCCESS) {
+        FreeRuns(Volume, runs);
+        std::free(buffer);
+        return code;
+    }
+    std::free(buffer);
+    attribute->SetResident(0);
+    uint8_t* header = attribute->Header;
+    WriteU64(header, kNonResidentLowestVcnOffset, 0);
+    WriteU64(header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(needed - 1));
+    WriteU8(header, kNonResidentCompressionUnitOffset, 0);
+    WriteU64(header, kNonResidentAllocatedSizeOffset, static_cast<uint64_t>(clusterSize) * needed);
+    WriteU64(header, kNonResidentDataSizeOffset, static_cast<uint64_t>(bytes));
+    WriteU64(header, kNonResidentInitializedSizeOffset, static_cast<uint64_t>(bytes));
+    const int runOffset = ReadU16(header, kNonResidentRunListOffsetOffset);
+    if (runOffset + runSize <= attribute->Size) std::memcpy(header + runOffset, runBytes, static_cast<size_t>(runSize));
+    attribute->Mark();
+    return ERROR_SUCCESS;
+}
+
+unsigned int CBitmapData::Resize(uint32_t items) {
+    CAttribute* attribute = Owner->FindAttribute(AttributeType, AttributeName, NameLength, 0);
+    if (attribute == nullptr) return ERROR_INTERNAL_ERROR;
+    const int64_t neededBytes = (static_cast<int64_t>(items) + 7) / 8;
+    const int64_t oldSize = attribute->GetDataSize();
+    if (oldSize >= neededBytes) return ERROR_SUCCESS;
+    if (Dirty) {
+        const unsigned int code = FlushBitmap();
+        if (code != ERROR_SUCCESS) return code;
+    }
+    const int64_t newSize = (neededBytes + 7) & ~int64_t{7};
+
+    if (attribute->IsResident()) {
+        CFileRecord* record = attribute->Record;
+        const int64_t growth = newSize - oldSize;
+        if (record->GetFreeSpace() < growth) {
+            const unsigned int code = record->MakeNonResident(attribute);
+            if (code != ERROR_SUCCESS) return code;
+            attribute = Owner->FindAttribute(AttributeType, AttributeName, NameLength, 0);
+            if (attribute == nullptr) return ERROR_INTERNAL_ERROR;
+        } else {
+            const int valueOffset = ReadU16(attribute->Header, kResidentValueOffsetOffset);
+            CAttribute* resized = nullptr;
+            const unsigned int code = attribute->SetSize(static_cast<int>(valueOffset + newSize), &resized);
+            if (code != ERROR_SUCCESS) return code;
+            std::memset(attribute->Header + valueOffset + oldSize, 0, static_cast<size_t>(growth));
+            WriteU32(attribute->Header, kResidentValueLengthOffset, static_cast<uint32_t>(newSize));
+            attribute->Mark();
+            Owner->MarkModified();
+            return ERROR_SUCCESS;
+        }
+    }
+
+    const int64_t oldInitialized = ReadI64(attribute->Header, kNonResidentInitializedSizeOffset);
+    const int clusterSize = Volume->GetClusterSize();
+    int64_t allocated = ReadI64(attribute->Header, kNonResidentAllocatedSizeOffset);
+    if (allocated < newSize) {
+        auto* zeros = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(UnitSize), 1));
+        if (zeros == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+        while (allocated < newSize) {
+            const int count = static_cast<int>((newSize - allocated + UnitSize - 1) / UnitSize);
+            int64_t lcn = 0;
+            int got = 0;
+            unsigned int code = Volume->SearchSpareClusterAndAllocate(count, &lcn, &got, 0);
+            if (code == ERROR_SUCCESS && got == 0) code = ERROR_HANDLE_DISK_FULL;
+            if (code != ERROR_SUCCESS) {
+                std::free(zeros);
+                return code;
+            }
+            if (got > count) got = count;
+            const int sectorsPerCluster = Volume->GetClusterSectors();
+            for (int i = 0; i < got && code == ERROR_SUCCESS; ++i) {
+                int64_t sector = (lcn + i) * sectorsPerCluster;
+                int done = 0;
+                code = Volume->WriteSector(zeros, &sector, sectorsPerCluster, &done, nullptr);
+            }
+            CAttribute* last = nullptr;
+            for (unsigned int piece = 0;; ++piece) {
+                CAttribute* candidate = Owner->FindAttribute(AttributeType, AttributeName, NameLength, piece);
+                if (candidate == nullptr) break;
+                last = candidate;
+            }
+            CAttribute* appended = nullptr;
+            if (code == ERROR_SUCCESS) code = last->AppendRun(lcn, got, &appended);
+            if (code != ERROR_SUCCESS) {
+                (void)FreeUnits(&lcn, static_cast<uint32_t>(got));
+                std::free(zeros);
+                return code;
+            }
+            WriteU64(last->Header, kNonResidentHighestVcnOffset,
+                     static_cast<uint64_t>(last->GetHighestVcn() + got));
+            allocated += static_cast<int64_t>(got) * clusterSize;
+            last->Mark();
+        }
+        std::free(zeros);
+        attribute = Owner->FindAttribute(AttributeType, AttributeName, NameLength, 0);
+        if (attribute == nullptr) return ERROR_INTERNAL_ERROR;
+    }
+    WriteU64(attribute->Header, kNonResidentAllocatedSizeOffset, static_cast<uint64_t>(allocated));
+    WriteU64(attribute->Header, kNonResidentDataSizeOffset, static_cast<uint64_t>(newSize));
+    WriteU64(attribute->Header, kNonResidentInitializedSizeOffset, static_cast<uint64_t>(newSize));
+    attribute->Mark();
+    Owner->MarkModified();
+    int64_t clusterEnd = (oldInitialized / clusterSize + 1) * clusterSize;
+    if (clusterEnd > newSize) clusterEnd = newSize;
+    if (clusterEnd <= oldInitialized) return ERROR_SUCCESS;
+    std::vector<uint8_t> zeros(static_cast<size_t>(clusterEnd - oldInitialized), 0);
+    int64_t offset = oldInitialized;
+    uint32_t written = 0;
+    return Owner->WriteAttribute(AttributeType, AttributeName, NameLength, &offset,
+                                 static_cast<uint32_t>(zeros.size()), zeros.data(), &written);
+}
+
+}  // namespace ntfs
