@@ -50,27 +50,23 @@ CBitmapData::~CBitmapData() {
 
 int CBitmapData::FreeBitsInByte(uint8_t value) { return bitmap_tables::kTables.FreeBits[value]; }
 
-unsigned int CBitmapData::FlushBitmap() {
+unsigned int CBitmapData::WriteUnit() {
     uint32_t written = 0;
     int64_t offset = UnitBase;
     const unsigned int code = Owner->WriteAttribute(AttributeType, AttributeName, NameLength, &offset,
                                                     static_cast<uint32_t>(ValidBytes), Buffer, &written);
     Owner->MarkModified();
     Dirty = 0;
+    return code;
+}
+
+unsigned int CBitmapData::FlushBitmap() {
+    const unsigned int code = WriteUnit();
     if (code != ERROR_SUCCESS) LogMessage("Function FlushBitmap() fail. ErrorCode=%08XH.\n", code);
     return code;
 }
 
-unsigned int CBitmapData::WriteThrough() {
-    if (!Dirty) return ERROR_SUCCESS;
-    uint32_t written = 0;
-    int64_t offset = UnitBase;
-    const unsigned int code = Owner->WriteAttribute(AttributeType, AttributeName, NameLength, &offset,
-                                                    static_cast<uint32_t>(ValidBytes), Buffer, &written);
-    Owner->MarkModified();
-    Dirty = 0;
-    return code;
-}
+unsigned int CBitmapData::WriteThrough() { return Dirty ? WriteUnit() : ERROR_SUCCESS; }
 
 unsigned int CBitmapData::LoadUnit(int64_t* item) {
     const int64_t position = *item / 8;

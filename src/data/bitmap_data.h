@@ -83,6 +83,9 @@ public:
 protected:
     // Marks `count` items from `first`, loading each unit it enters.
     [[nodiscard]] unsigned int MarkUnits(int64_t first, int64_t count);
+    // Writes the cached unit, marks the owner modified and clears Dirty,
+    // whatever the write gave.
+    [[nodiscard]] unsigned int WriteUnit();
     // Writes the cached unit back after an allocation or a release.
     [[nodiscard]] unsigned int WriteThrough();
     bool IsExcluded(int64_t item, int64_t* last) const;
