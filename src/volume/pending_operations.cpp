@@ -66,10 +66,6 @@ int CNTFSVolume::GetFileSize(void*, unsigned int*, unsigned int*) {
     return 0;
 }
 
-unsigned int CNTFSVolume::ReferenceDirectory(int64_t, const char16_t*, CDirectory**) {
-    return ERROR_NOT_SUPPORTED;
-}
-
 unsigned int CNTFSVolume::DeleteFileRecordFromMFT(int64_t) { return ERROR_NOT_SUPPORTED; }
 
 }  // namespace ntfs

@@ -1,0 +1,171 @@
+// CDirectory: one directory in memory. It is the tree object above the
+// directory's $I30 index (the CIndexRoot in the file record and the
+// CIndexRecords of $INDEX_ALLOCATION), the owner of every index record it has
+// opened, the bitmap of those records ($BITMAP "$I30"), and the place where
+// one change of the index is collected, written and, on failure, undone.
+//
+// Ownership: the volume's Directories chain holds the object, one per
+// directory, shared by reference count (CNTFSVolume::ReferenceDirectory hands
+// it out). The directory holds one reference of its CFullFileRecord, owns its
+// root object, its pseudo item and every CIndexRecord on its chain of open
+// records (they stay open for the life of the directory), and its path copy.
+// The work lists point at records the chain owns.
+//
+// Locking: LockShared/LockExclusive take the same lock of the directory's
+// file record first, then the directory's own. The tree is read under the
+// shared lock and changed under the exclusive one; the work lists lock
+// themselves per operation only. One change at a time per directory.
+#pragma once
+
+#include <cstdint>
+
+#include "data/bitmap_data.h"
+#include "foundation/chain_element.h"
+#include "foundation/pointer_array.h"
+#include "foundation/share_element.h"
+#include "index/bplus_tree.h"
+#include "index/index_entry.h"
+
+namespace ntfs {
+
+class CNTFSVolume;
+class CFullFileRecord;
+class CIndexRoot;
+class CIndexRecord;
+
+class CDirectory : public CShareElement, public CBitmapData, public CBPlusTreeNode {
+public:
+    // Joins the volume's Directories chain with one reference and takes over
+    // the caller's reference of `record`. The bitmap part stands over
+    // $BITMAP "$I30" with a unit of one cluster; ItemCount is the number of
+    // index records $INDEX_ALLOCATION "$I30" holds (0 without one).
+    CDirectory(CFullFileRecord* record, CNTFSVolume* volume);
+    // Writes the file record when it is modified, then frees the root, every
+    // open record and the pseudo item, and releases the file record.
+    ~CDirectory() override;
+
+    // Share locks: the file record's first, then the directory's.
+    int LockShared() override;
+    int UnlockShared() override;
+    int LockExclusive() override;
+    int UnlockExclusive() override;
+
+    // The tree-object operations. The directory has no items of its own.
+    int MarkModified() override;  // the bitmap part's dirty flag
+    int ClearModified() override;
+    [[nodiscard]] unsigned int ReinsertDetached(CBPlusTreeItem* item) override;
+    [[nodiscard]] unsigned int FindLastNode(CBPlusTreeNode** node) override;
+    bool IsLeaf() override;
+    [[nodiscard]] unsigned int Split(CBPlusTreeItem** median) override;
+    // Retires an index record into AbateRecords; the root is never retired.
+    [[nodiscard]] unsigned int RetireNode(CBPlusTreeNode* node) override;
+    bool HasSpaceFor(CBPlusTreeItem* item) override;
+    int InsertRaw(CBPlusTreeItem* previous, CBPlusTreeItem* item, CBPlusTreeItem** inserted) override;
+    [[nodiscard]] unsigned int TakeLastEntry(CBPlusTreeItem** item) override;
+    bool AcceptItem(CBPlusTreeItem* item, bool backtracked, const _INDEX_SEARCH_KEY* key) override;
+
+    // The root node over the current $INDEX_ROOT value, made (with the
+    // pseudo item) on the first call and made again when the value has moved
+    // in the file record's image. Null when there is no $INDEX_ROOT "$I30"
+    // or no memory.
+    CIndexRoot* GetIndexRoot();
+
+    // Adds `entry` (an owning key, still the caller's afterwards) below
+    // `start` and makes the change durable. 0, ERROR_FILE_CORRUPT for a name
+    // that is already there, ERROR_NOT_ENOUGH_MEMORY, or a code of the
+    // insertion and flush. A full file record is made room in and the
+    // insertion tried again.
+    [[nodiscard]] unsigned int InsertEntry(CBPlusTreeNode* start, CIndexEntry* entry);
+
+    // Takes one index record from the directory's bitmap, growing the index
+    // when the bitmap has no free bit. *vcn is the record's VCN and *count
+    // the records got (1). The VCN joins NewRecords.
+    [[nodiscard]] unsigned int AllocateIndexRecord(int64_t* vcn, int* count);
+    // Adds `count` empty index records to $INDEX_ALLOCATION "$I30", creating
+    // it and $BITMAP "$I30" first when the directory has none.
+    [[nodiscard]] unsigned int GrowIndexAllocation(int count);
+
+    // The open record whose header holds `vcn`, without a reference; null
+    // when it is not open.
+    CIndexRecord* FindOpenRecord(int64_t vcn);
+    // Chain search routine over OpenRecords; `parameter` is an int64_t* VCN.
+    static int IndexRecordSearchRoutine(CChainElement* element, void* parameter);
+
+    // Bit of the directory's bitmap for the record at `vcn`, and back.
+    int64_t VcnToBit(int64_t vcn) const;
+    int64_t BitToVcn(int64_t bit) const;
+
+    // The directory flush: one change made durable by shadow paging, undone
+    // in memory before its commit point, adopted after it.
+    [[nodiscard]] unsigned int InsertAndFlush(CBPlusTreeNode* node, int position, CBPlusTreeItem* entry);
+    [[nodiscard]] unsigned int Flush(int* undo);
+    [[nodiscard]] unsigned int PrepareRecords(CPointerArray* list);
+    [[nodiscard]] unsigned int WriteIndexRecord(CIndexRecord* record);
+    [[nodiscard]] unsigned int CommitChanges();
+    [[nodiscard]] unsigned int RollbackChanges();
+    [[nodiscard]] unsigned int FlushNode(CBPlusTreeNode* node);
+    // Stamps the change time into the directory's own $STANDARD_INFORMATION
+    // and $FILE_NAMEs and writes its base and modified extension records;
+    // on success clears their change flags. Result also in the volume's
+    // LastError.
+    [[nodiscard]] unsigned int WriteDirectoryRecord();
+    // Chain search routine that appends every modified open record to the
+    // CPointerArray `parameter` and never stops the search.
+    static int CollectModifiedRecords(CChainElement* element, void* parameter);
+
+    // Room in the base file record: an index attribute moves out to a new
+    // extension record ($BITMAP when the last growth failed on it).
+    [[nodiscard]] unsigned int AdjustFileRecord();
+    [[nodiscard]] unsigned int MoveBitmapAttribute(CFullFileRecord* record);
+
+    CFullFileRecord* GetFileRecord() const { return FileRecord; }
+    CNTFSVolume* GetVolume() const { return Volume; }
+    const char16_t* GetPath() const { return Path; }
+    int GetRecordSize() const { return RecordSize; }
+    int GetVirtualClusterSize() const { return VirtualClusterSize; }
+    // Bytes of the bitmap part's cached unit: one cluster.
+    int GetBitmapUnitSize() const { return UnitSize; }
+
+    // Set by CNTFSVolume::ReferenceDirectory.
+    char16_t* Path;
+    int SectorsPerRecord;
+    int RecordSize;
+    int VirtualClusterSize;
+    CNTFSVolume* Volume;
+    CFullFileRecord* FileRecord;
+    uint8_t* RootValue;  // the $INDEX_ROOT value in the file record's image
+    // The root's parent item: a 16-byte zeroed entry in no node whose node
+    // is the root, so that a root split sends its median into the root.
+    CIndexEntry* PseudoItem;
+    CIndexRoot* Root;
+    // The directory's link in the chain of directories of its file record;
+    // Reserved points back at this object.
+    CChainElement DirectoryLink;
+    // Every CIndexRecord loaded or made, by its CShareElement part.
+    CChainElementContainer OpenRecords;
+    // The change links of the find handles on this directory.
+    CChainElementContainer OpenFindHandles;
+    // The work lists of one change, empty between changes.
+    CPointerArray AbateRecords;     // CIndexRecord* retired in this change
+    CPointerArray ModifiedRecords;  // CIndexRecord* changed in this change
+    CPointerArray NewRecords;       // VCNs taken from the bitmap in this change
+    CPointerArray NewFileRecords;   // CFileRecord* extension records made for it
+    CPointerArray NewClusterRuns;   // (LCN, count) pairs of clusters taken for it
+    int GrowFailed;                 // the last growth failed in resizing the bitmap
+    int RecordsAdded;               // index records added to ItemCount in this change
+
+private:
+    // Steps of GrowIndexAllocation.
+    unsigned int CreateIndexAttributes();
+    unsigned int GrowIntoNewClusters(int count, uint8_t* buffer, CPointerArray* runs);
+    unsigned int GrowIntoSlack(int count, uint8_t* buffer);
+    unsigned int WriteEmptyRecords(int64_t lcn, int clusters, uint8_t* buffer, int64_t* nextRecord,
+                                   int* recordOffset);
+    unsigned int ResizeIndexBitmap(int64_t items);
+};
+
+// Appends `value` to `list` unless it is already there (two steps, each
+// under the list's lock: the callers hold the directory exclusively).
+void AppendUnique(CPointerArray* list, const void* value);
+
+}  // namespace ntfs

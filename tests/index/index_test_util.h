@@ -1,0 +1,248 @@
+// Helpers of the directory index tests: keys folded as the index folds them,
+// owning entries for a name, exact searches and in-order walks through a
+// directory's cursor, a structural check of a whole index, the manifest's
+// names grouped by directory, and where an index record lies in an image.
+//
+// Everything here is inline (the suite's sources are its *_test.cpp files).
+// Single-threaded; callers hold the directory's lock where the library needs
+// one.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "foundation/endian.h"
+#include "foundation/log.h"
+#include "index/directory.h"
+#include "index/index_entry.h"
+#include "index/index_record.h"
+#include "index/index_root.h"
+#include "record/full_file_record.h"
+#include "record/layout.h"
+#include "support/fixture.h"
+#include "volume/ntfs_volume.h"
+
+namespace ntfs::test {
+
+constexpr int64_t kRootDirectoryRecord = 5;
+
+inline std::u16string Folded(std::u16string name) {
+    for (char16_t& unit : name) {
+        if (unit >= u'a' && unit <= u'z') unit = static_cast<char16_t>(unit & ~0x20);
+    }
+    return name;
+}
+
+// The order of the index: folded units compared as unsigned numbers, a
+// proper prefix first.
+inline bool IndexLess(const std::u16string& a, const std::u16string& b) { return Folded(a) < Folded(b); }
+
+inline std::string Narrow(const std::u16string& text) {
+    std::string out;
+    for (char16_t unit : text) out += unit < 0x80 ? static_cast<char>(unit) : '?';
+    return out;
+}
+
+// An owning leaf entry for `name` pointing at `record`, sized as the file
+// layer sizes them: 82 + 2n rounded up to 8, key 66 + 2n.
+inline CIndexEntry* MakeEntry(const std::u16string& name, int64_t record, CDirectory* directory = nullptr) {
+    const int units = static_cast<int>(name.size());
+    const int length = IndexEntrySize(units);
+    auto* bytes = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(length), 1));
+    WriteU48(bytes, kEntryRecordNumberOffset, static_cast<uint64_t>(record));
+    WriteU16(bytes, kEntrySequenceOffset, 1);
+    WriteU16(bytes, kEntryLengthOffset, static_cast<uint16_t>(length));
+    WriteU16(bytes, kEntryKeyLengthOffset, static_cast<uint16_t>(IndexKeySize(units)));
+    WriteU8(bytes, kEntryNameLengthOffset, static_cast<uint8_t>(units));
+    for (int i = 0; i < units; ++i) WriteU16(bytes, kEntryNameOffset + 2 * static_cast<size_t>(i), name[i]);
+    return new CIndexEntry(bytes, directory);
+}
+
+inline std::u16string NameOf(CBPlusTreeItem* item) {
+    char16_t name[kMaxEntryNameLength + 1];
+    static_cast<CIndexEntry*>(item)->CopyName(name);
+    return name;
+}
+
+// Exact search of one whole name from the root. *found is the entry.
+inline unsigned int FindName(CDirectory* directory, const std::u16string& name,
+                             CIndexEntry** found = nullptr) {
+    CIndexRoot* root = directory->GetIndexRoot();
+    if (root == nullptr) return ERROR_INTERNAL_ERROR;
+    if (!directory->ResetCursor()) return ERROR_NOT_ENOUGH_MEMORY;
+    directory->GetCursor()->Node = root;
+    const std::u16string key = Folded(name);
+    const _INDEX_SEARCH_KEY search{1, key.c_str(), nullptr, 0, static_cast<int>(key.size()) + 1};
+    CBPlusTreeItem* item = nullptr;
+    const unsigned int code = directory->FindNextItem(&item, &search);
+    if (found != nullptr) *found = code == ERROR_SUCCESS ? static_cast<CIndexEntry*>(item) : nullptr;
+    return code;
+}
+
+struct WalkedName {
+    std::u16string name;
+    int64_t record;
+};
+
+// The in-order walk of every entry (or those starting with `prefix`),
+// stepping the deepest frame past each delivered entry as enumeration does.
+// *end receives the code that ended the walk (2 when it ran to the end).
+inline std::vector<WalkedName> WalkIndex(CDirectory* directory, unsigned int* end = nullptr,
+                                         const std::u16string& prefix = u"") {
+    std::vector<WalkedName> names;
+    unsigned int code = ERROR_INTERNAL_ERROR;
+    CIndexRoot* root = directory->GetIndexRoot();
+    if (root != nullptr && directory->ResetCursor()) {
+        directory->GetCursor()->Node = root;
+        const std::u16string key = Folded(prefix);
+        const _INDEX_SEARCH_KEY search{0, key.c_str(), nullptr, 0, static_cast<int>(key.size())};
+        CBPlusTreeItem* item = nullptr;
+        for (code = directory->FindNextItem(&item, &search); code == ERROR_SUCCESS && names.size() < 100000;
+             code = directory->FindNextItem(&item, &search)) {
+            names.push_back({NameOf(item), static_cast<CIndexEntry*>(item)->GetRecordNumber()});
+            ++directory->GetCursor()->Index;
+        }
+    }
+    if (end != nullptr) *end = code;
+    return names;
+}
+
+inline std::vector<std::u16string> WalkNames(CDirectory* directory, unsigned int* end = nullptr) {
+    std::vector<std::u16string> names;
+    for (const WalkedName& walked : WalkIndex(directory, end)) names.push_back(walked.name);
+    return names;
+}
+
+// Every structural promise of a directory's index, or a description of the
+// first broken one: keys in order inside and across nodes, the end entry
+// last and alone in carrying the end flag, items leading down all or none
+// and agreeing with the node's flag, parent items that lead to their nodes,
+// no empty leaf below the root, and no node reached twice.
+class IndexChecker {
+public:
+    explicit IndexChecker(CDirectory* directory) : Directory(directory) {}
+
+    std::string Check() {
+        CIndexRoot* root = Directory->GetIndexRoot();
+        if (root == nullptr) return "no root";
+        if (root->GetParentItem() != Directory->PseudoItem) return "root without the pseudo item";
+        if (Directory->PseudoItem->GetNode() != root) return "pseudo item does not lead to the root";
+        Seen.clear();
+        Keys = 0;
+        Depth = 0;
+        NodesPerLevel.clear();
+        return Visit(root, nullptr, nullptr, 0);
+    }
+    int Keys = 0;
+    int Depth = 0;
+    std::vector<int> NodesPerLevel;  // nodes at each depth, the root at 0
+    std::set<CBPlusTreeNode*> Seen;
+
+private:
+    std::string Visit(CBPlusTreeNode* node, const std::u16string* low, const std::u16string* high,
+                      int depth) {
+        if (depth > 32) return "too deep";
+        if (depth + 1 > Depth) Depth = depth + 1;
+        if (static_cast<int>(NodesPerLevel.size()) <= depth) NodesPerLevel.resize(depth + 1);
+        ++NodesPerLevel[depth];
+        if (!Seen.insert(node).second) return "a node is reached twice";
+        const int count = node->GetItemCount();
+        if (count < 1) return "node without items";
+        if (depth > 0 && node->IsLeaf() && count < 2) return "empty leaf below the root";
+        const bool leads = node->GetItem(0)->HasChild();
+        if (leads == node->IsLeaf()) return "node flag disagrees with its entries";
+        std::u16string before = low != nullptr ? *low : u"";
+        bool haveBefore = low != nullptr;
+        for (int i = 0; i < count; ++i) {
+            auto* item = static_cast<CIndexEntry*>(node->GetItem(i));
+            if (item->GetNode() != node) return "item names the wrong node";
+            if (item->GetPrevious() != node->GetItem(i - 1)) return "broken previous link";
+            if (item->GetNext() != node->GetItem(i + 1)) return "broken next link";
+            if (item->IsLast() != (i == count - 1)) return "end entry not last";
+            if (item->HasChild() != leads) return "mixed leaf and interior entries";
+            std::u16string name;
+            if (!item->IsLast()) {
+                name = NameOf(item);
+                ++Keys;
+                if (haveBefore && !IndexLess(before, name)) return "key order broken at " + Narrow(name);
+                if (high != nullptr && !IndexLess(name, *high)) return "key above its bound: " + Narrow(name);
+            }
+            if (item->HasChild()) {
+                CBPlusTreeNode* child = nullptr;
+                if (item->GetChildNode(&child) != ERROR_SUCCESS || child == nullptr)
+                    return "sub-node fails to load";
+                if (child->GetParentItem() != item) return "wrong parent item";
+                std::string problem =
+                    Visit(child, haveBefore ? &before : nullptr, item->IsLast() ? high : &name, depth + 1);
+                if (!problem.empty()) return problem;
+            }
+            if (!item->IsLast()) {
+                before = name;
+                haveBefore = true;
+            }
+        }
+        return "";
+    }
+
+    CDirectory* Directory;
+};
+
+// The manifest's names by parent directory path ("\\" for the root).
+struct DirectoryNames {
+    int64_t record = 0;
+    std::map<std::u16string, std::vector<int64_t>> names;  // leaf name -> records (once per name)
+};
+
+inline std::map<std::u16string, DirectoryNames> NamesByDirectory(const std::vector<ManifestEntry>& manifest) {
+    std::map<std::u16string, DirectoryNames> directories;
+    directories[u"\\"].record = kRootDirectoryRecord;
+    for (const ManifestEntry& entry : manifest) {
+        if (entry.is_dir) directories[entry.path].record = entry.record;
+        const size_t slash = entry.path.rfind(u'\\');
+        const std::u16string parent = slash == 0 ? u"\\" : entry.path.substr(0, slash);
+        directories[parent].names[entry.path.substr(slash + 1)].push_back(entry.record);
+    }
+    return directories;
+}
+
+// Byte offset in the image of the index record at `vcn` of `directory`, by
+// the run list of its $INDEX_ALLOCATION; -1 when the VCN is not mapped.
+inline int64_t IndexRecordImageOffset(CDirectory* directory, int64_t vcn) {
+    CNTFSVolume* volume = directory->GetVolume();
+    const int64_t byte = vcn * directory->GetVirtualClusterSize();
+    const int64_t cluster = volume->GetClusterSize();
+    int64_t start = 0;
+    for (unsigned int piece = 0;; ++piece) {
+        CAttribute* allocation = directory->GetFileRecord()->FindAttribute(
+            AttributeIndexAllocation, kIndexName, kIndexNameLength, piece);
+        if (allocation == nullptr) return -1;
+        int count = 0;
+        int64_t* runs = allocation->GetRunList(&count);
+        for (int i = 0; i < count; ++i) {
+            const int64_t lcn = runs[2 * i];
+            const int64_t length = runs[2 * i + 1];
+            if (byte < (start + length) * cluster) {
+                std::free(runs);
+                return lcn * cluster + (byte - start * cluster);
+            }
+            start += length;
+        }
+        std::free(runs);
+    }
+}
+
+// The VCN of the first index record below the root of `directory` (the
+// sub-node of its first entry).
+inline int64_t FirstSubNodeVcn(CDirectory* directory) {
+    auto* first = static_cast<CIndexEntry*>(directory->GetIndexRoot()->GetItem(0));
+    return EntrySubNodeVcn(first->GetEntry());
+}
+
+}  // namespace ntfs::test
