@@ -69,5 +69,8 @@ inline void WriteU48(void* image, size_t offset, uint64_t value) {
 inline void WriteU64(void* image, size_t offset, uint64_t value) {
     WriteLittleEndian(image, offset, value, 8);
 }
+inline void WriteI64(void* image, size_t offset, int64_t value) {
+    WriteLittleEndian(image, offset, static_cast<uint64_t>(value), 8);
+}
 
 }  // namespace ntfs

@@ -109,6 +109,8 @@ public:
     // on success clears their change flags. Result also in the volume's
     // LastError.
     [[nodiscard]] unsigned int WriteDirectoryRecord();
+    // Clears the bit of the index record at `vcn` in the directory's bitmap.
+    [[nodiscard]] unsigned int FreeRecordBit(int64_t vcn);
     // Chain search routine that appends every modified open record to the
     // CPointerArray `parameter` and never stops the search.
     static int CollectModifiedRecords(CChainElement* element, void* parameter);

@@ -213,7 +213,7 @@ unsigned int CDirectory::ResizeIndexBitmap(int64_t items) {
     CAttribute* bitmap = FileRecord->FindAttribute(AttributeBitmap, kIndexName, kIndexNameLength, 0);
     if (bitmap == nullptr) return ERROR_INTERNAL_ERROR;
     if (bitmap->GetDataSize() * 8 >= items) return ERROR_SUCCESS;
-    return ERROR_NOT_SUPPORTED;
+    return Resize(static_cast<uint32_t>(items));
 }
 
 unsigned int CDirectory::GrowIntoNewClusters(int count, uint8_t* buffer, CPointerArray* runs) {

@@ -38,6 +38,11 @@ constexpr int kEntryNameLengthOffset = 80;
 constexpr int kEntryNameSpaceOffset = 81;
 constexpr int kEntryNameOffset = 82;
 
+// Fields of the key that the file operations read in place.
+constexpr int kEntryParentOffset = kEntryKeyOffset + 0x00;
+constexpr int kEntryRealSizeOffset = kEntryKeyOffset + 0x30;
+constexpr int kEntryFileFlagsOffset = kEntryKeyOffset + 0x38;
+
 constexpr uint16_t kEntryHasSubNode = 0x0001;
 constexpr uint16_t kEntryIsLast = 0x0002;
 

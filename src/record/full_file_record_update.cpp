@@ -15,14 +15,6 @@ namespace ntfs {
 
 namespace {
 
-// Value offsets of the times this code stamps.
-constexpr int kStandardWriteTime = 8;
-constexpr int kStandardChangeTime = 16;
-constexpr int kStandardAccessTime = 24;
-constexpr int kFileNameWriteTime = 16;
-constexpr int kFileNameChangeTime = 24;
-constexpr int kFileNameAccessTime = 32;
-
 // The piece of the MFT bitmap read at a time when counting free records.
 constexpr uint32_t kFreeCountChunk = 2097152;
 
@@ -55,18 +47,18 @@ int64_t StampTimes(CFullFileRecord* record, int64_t now, const int64_t* accessTi
                    const int64_t* writeTime) {
     int64_t last = 0;
     if (CAttribute* standard = record->FindAttribute(AttributeStandardInformation, nullptr, 0, 0)) {
-        StoreTime(standard, kStandardChangeTime, now);
-        if (accessTime != nullptr) StoreTime(standard, kStandardAccessTime, *accessTime);
-        if (writeTime != nullptr) StoreTime(standard, kStandardWriteTime, *writeTime);
-        last = LoadTime(standard, kStandardAccessTime);
+        StoreTime(standard, kStandardChangeTimeOffset, now);
+        if (accessTime != nullptr) StoreTime(standard, kStandardAccessTimeOffset, *accessTime);
+        if (writeTime != nullptr) StoreTime(standard, kStandardWriteTimeOffset, *writeTime);
+        last = LoadTime(standard, kStandardAccessTimeOffset);
     }
     for (unsigned int index = 0;; ++index) {
         CAttribute* name = record->FindAttribute(AttributeFileName, nullptr, 0, index);
         if (name == nullptr) break;
-        StoreTime(name, kFileNameChangeTime, now);
-        if (accessTime != nullptr) StoreTime(name, kFileNameAccessTime, *accessTime);
-        if (writeTime != nullptr) StoreTime(name, kFileNameWriteTime, *writeTime);
-        last = LoadTime(name, kFileNameChangeTime);
+        StoreTime(name, kFileNameChangeTimeOffset, now);
+        if (accessTime != nullptr) StoreTime(name, kFileNameAccessTimeOffset, *accessTime);
+        if (writeTime != nullptr) StoreTime(name, kFileNameWriteTimeOffset, *writeTime);
+        last = LoadTime(name, kFileNameChangeTimeOffset);
     }
     return last;
 }

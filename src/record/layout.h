@@ -84,6 +84,29 @@ constexpr int kNonResidentHeaderSize = 64;
 // set marks a damaged type.
 constexpr uint32_t kAttributeTypeCheckMask = 0xFFFFFC0F;
 
+// $STANDARD_INFORMATION value: the four times.
+constexpr int kStandardCreationTimeOffset = 0x00;
+constexpr int kStandardWriteTimeOffset = 0x08;
+constexpr int kStandardChangeTimeOffset = 0x10;
+constexpr int kStandardAccessTimeOffset = 0x18;
+
+// $FILE_NAME value (also the key of a directory index entry).
+constexpr int kFileNameParentOffset = 0x00;
+constexpr int kFileNameCreationTimeOffset = 0x08;
+constexpr int kFileNameWriteTimeOffset = 0x10;
+constexpr int kFileNameChangeTimeOffset = 0x18;
+constexpr int kFileNameAccessTimeOffset = 0x20;
+constexpr int kFileNameAllocatedSizeOffset = 0x28;
+constexpr int kFileNameRealSizeOffset = 0x30;
+constexpr int kFileNameFlagsOffset = 0x38;
+constexpr int kFileNameLengthOffset = 0x40;
+constexpr int kFileNameNamespaceOffset = 0x41;
+constexpr int kFileNameUnitsOffset = 0x42;
+// Bit of the $FILE_NAME flags that marks a directory.
+constexpr uint32_t kFileNameIsDirectory = 0x10000000;
+// Name spaces: bit 0 Win32, bit 1 DOS; 0 is POSIX.
+constexpr uint8_t kNamespaceDos = 0x02;
+
 // Names are counted by a byte.
 constexpr int kMaxAttributeNameLength = 255;
 

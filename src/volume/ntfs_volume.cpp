@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 
+#include "data/bitmap_data.h"
 #include "foundation/endian.h"
 #include "foundation/log.h"
 
@@ -32,9 +33,26 @@ CNTFSVolume::CNTFSVolume(CStorage* storage)
     FileRecords.EnableRecoverBox(1);
 }
 
-// The embedded containers go in reverse order of declaration: Directories,
+// No I/O here. What a mount keeps referenced for the life of the volume (the
+// root's record, and after a failed mount whatever it had referenced) is
+// freed, so that nothing outlives the object: directories first, since they
+// hold references to records; then the records and the bitmaps. The embedded
+// containers then go in reverse order of declaration: Directories,
 // FileRecords, FindHandles, FileHandles.
-CNTFSVolume::~CNTFSVolume() = default;
+CNTFSVolume::~CNTFSVolume() {
+    Directories.EnableRecoverBox(1);
+    delete MftBitmap;
+    MftBitmap = nullptr;
+    delete ClusterBitmap;
+    ClusterBitmap = nullptr;
+    if (ShortNameLists != nullptr) {
+        while (CChainElement* list = ShortNameLists->RemoveHeadElement()) delete list;
+        delete ShortNameLists;
+        ShortNameLists = nullptr;
+    }
+    FileRecords.EnableRecoverBox(1);
+    while (CChainElement* record = FileRecords.GetElement(0)) delete record;
+}
 
 int CNTFSVolume::GetSectorSize() { return ReadI16(BootSector, kBootBytesPerSectorOffset); }
 

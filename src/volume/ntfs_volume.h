@@ -35,6 +35,8 @@ class CFileHandle;
 class CFileRecordBitmap;
 class CClusterBitmap;
 class CBitmapData;
+class CAttribute;
+class CFindHandle;
 struct _FILE_RECORD_HEADER;  // a raw FILE record image, read through endian.h
 
 // Boot sector fields, byte offsets into the 512-byte image.
@@ -168,7 +170,36 @@ protected:
     // into MftBitmap->FreeRecords.
     unsigned int FreeMftRecordCount();
 
+    // Path and handle helpers of the file operations.
+    // The directory that holds the last component of `path`, referenced.
+    // Result also in LastError.
+    unsigned int GetParentDirectory(const char16_t* path, CDirectory** directory);
+    // Nonzero when `path` has no wildcard, starts with a backslash and does
+    // not end with one.
+    int IsValidPath(const char16_t* path);
+    // Opens the file whose entry `find` (exclusively locked, its reference
+    // handed over) stands on, after the sharing test; consumes `find`.
+    void* OpenFile(CFindHandle* find, const char16_t* path, unsigned int accessMode);
+    // Empties attribute (type, name) of `record`: extra instances go, the
+    // first becomes an empty resident value. Nothing is written.
+    unsigned int TruncateFile(CFullFileRecord* record, uint32_t type, const char16_t* name, int nameLength);
+    // Gives the clusters of a non-resident attribute back to the volume.
+    unsigned int FreeAttributeClusters(CAttribute* attribute);
+    // The open file handle with this value, or null.
+    CFileHandle* LookUpFileHandle(void* handle);
+    // The open handle of `name` (folded path, compared ignoring case),
+    // skipping `index` matches; no reference is added.
+    CFileHandle* GetFileHandleByFileName(const char16_t* name, int index);
+    // Writes a file's records after its data grew; a failure reverts the image.
+    unsigned int WriteGrownRecord(CFullFileRecord* record);
+    // The resident path of WriteFile; *leaves tells that the data left the
+    // record and the write must go on as non-resident.
+    int WriteResident(CFileHandle* file, const void* buffer, int size, int* done, bool* leaves);
+    // Deletes the file of a handle opened for delete-on-close.
+    unsigned int DeleteFile(CFileHandle* file);
+
     // Search routines over the volume's chains (parameter: see each body).
+    static int FileHandleFromFileNameSearchRoutine(CChainElement* element, void* parameter);
     static int FileRecordSearchRoutine(CChainElement* element, void* parameter);
     static int DirectorySearchRoutine(CChainElement* element, void* parameter);
     static int FileHandleSearchRoutine(CChainElement* element, void* parameter);

@@ -1,0 +1,181 @@
+// CFileHandle: life, initialisation and the growth of non-resident data.
+#include "file/file_handle.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "data/bitmap_data.h"
+#include "file/find_handle.h"
+#include "foundation/endian.h"
+#include "foundation/log.h"
+#include "index/index_entry.h"
+#include "record/full_file_record.h"
+#include "record/layout.h"
+#include "record/run_list.h"
+#include "volume/ntfs_volume.h"
+
+namespace ntfs {
+
+namespace {
+constexpr uint16_t kUnitFlagsMask = 0x80FF;
+constexpr int kMaxShortRetries = 64;
+}  // namespace
+
+CFileHandle::CFileHandle(CFindHandle* findHandle, CNTFSVolume* volume, unsigned int accessMode)
+    : CShareElement(&volume->FileHandles),
+      FindHandle(findHandle),
+      Volume(volume),
+      Path(nullptr),
+      FileRecord(nullptr),
+      Modified(0),
+      DataSize(0),
+      AllocatedSize(0),
+      FilePointer(0),
+      RecordNumber(0),
+      AccessMode(accessMode),
+      Resident(0),
+      LastWriteTime{},
+      LastReadTime{},
+      Compressed(0),
+      StreamName{},
+      StreamNameLength(0),
+      Deleted(0) {}
+
+CFileHandle::~CFileHandle() {
+    std::free(Path);
+    if (FindHandle != nullptr) FindHandle->Release();
+    if (FileRecord != nullptr) {
+        if (Deleted) delete FileRecord;
+        else FileRecord->Release();
+    }
+}
+
+unsigned int CFileHandle::Initialize(const char16_t* path) {
+    const int length = lstrlenW(path);
+    Path = static_cast<char16_t*>(std::malloc((static_cast<size_t>(length) + 1) * sizeof(char16_t)));
+    if (Path == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+    for (int i = 0; i <= length; ++i) {
+        Path[i] = path[i] >= u'a' && path[i] <= u'z' ? static_cast<char16_t>(path[i] & ~0x20) : path[i];
+    }
+    const unsigned int code = FindHandle->Revalidate();
+    if (code != ERROR_SUCCESS) return code;
+    CIndexEntry* item = FindHandle->CursorItem();
+    if (item == nullptr) return ERROR_FILE_NOT_FOUND;
+    const uint64_t reference = ReadU48(item->Entry, 0);
+    RecordNumber = static_cast<int64_t>(reference << 16) >> 16;
+    (void)Volume->ReferenceFileRecord(RecordNumber, &FileRecord);
+    if (FileRecord == nullptr) return ERROR_FILE_CORRUPT;
+    FileRecord->LockShared();
+    CAttribute* data = FileRecord->FindAttribute(AttributeData, nullptr, 0, 0);
+    if (data == nullptr) {
+        // A file without an unnamed data stream has nothing to read or write.
+        FileRecord->UnlockShared();
+        return ERROR_FILE_CORRUPT;
+    }
+    Compressed = (ReadU16(data->Header, kAttributeFlagsOffset) & kUnitFlagsMask) != 0 ? 1 : 0;
+    DataSize = data->GetDataSize();
+    Resident = data->IsResident() ? 1 : 0;
+    if (Resident) {
+        AllocatedSize = DataSize + data->Record->GetFreeSpace();
+    } else {
+        AllocatedSize = ReadI64(data->Header, kNonResidentAllocatedSizeOffset);
+    }
+    GetSystemTime(&LastReadTime);
+    GetSystemTime(&LastWriteTime);
+    FileRecord->UnlockShared();
+    return ERROR_SUCCESS;
+}
+
+// The last piece of the unnamed $DATA: the instance holding the highest VCNs.
+static CAttribute* LastDataPiece(CFullFileRecord* record) {
+    CAttribute* last = nullptr;
+    for (unsigned int index = 0;; ++index) {
+        CAttribute* piece = record->FindAttribute(AttributeData, nullptr, 0, index);
+        if (piece == nullptr) return last;
+        last = piece;
+    }
+}
+
+unsigned int CFileHandle::AllocateClusters(unsigned int clusters) {
+    CAttribute* attribute = LastDataPiece(FileRecord);
+    if (attribute == nullptr) return ERROR_FILE_CORRUPT;
+    const int64_t clusterSize = Volume->GetClusterSize();
+    const int64_t start = attribute->GetLowestVcn();
+    const int64_t last = attribute->GetHighestVcn();
+    if (start * clusterSize > AllocatedSize || (last + 1) * clusterSize < AllocatedSize) {
+        return ERROR_FILE_CORRUPT;
+    }
+    if (clusters == 0) return ERROR_SUCCESS;
+    int64_t missing = clusters;
+    int wanted = static_cast<int>(clusters);
+    // Each retry after a short answer asks for the longest stretch reported;
+    // valid bitmaps answer it at once, so a bound only stops a damaged one.
+    int retries = 0;
+    while (missing > 0) {
+        int64_t lcn = 0;
+        int got = 0;
+        unsigned int code = Volume->SearchSpareClusterAndAllocate(wanted, &lcn, &got, 0);
+        if (code == ERROR_HANDLE_DISK_FULL && got != 0 && ++retries < kMaxShortRetries) {
+            // Take the longest free stretch the bitmap reports.
+            wanted = got;
+            continue;
+        }
+        if (code != ERROR_SUCCESS) return code;
+        const int take = got < missing ? got : static_cast<int>(missing);
+        CAttribute* appended = nullptr;
+        code = attribute->AppendRun(lcn, take, &appended);
+        if (code != ERROR_SUCCESS) {
+            // A run list that has filled its record needs an extension record,
+            // which this volume cannot make yet.
+            (void)Volume->FreeClusters(&lcn, got);
+            return code;
+        }
+        WriteU64(attribute->Header, kNonResidentHighestVcnOffset,
+                 static_cast<uint64_t>(attribute->GetHighestVcn() + take));
+        attribute->Mark();
+        missing -= take;
+        if (wanted > missing) wanted = static_cast<int>(missing);
+    }
+    return ERROR_SUCCESS;
+}
+
+unsigned int CFileHandle::ReserveCompressedClusters(unsigned int* clusters) {
+    CAttribute* first = FileRecord->FindAttribute(AttributeData, nullptr, 0, 0);
+    CAttribute* last = LastDataPiece(FileRecord);
+    if (first == nullptr || last == nullptr || first->IsResident()) return ERROR_FILE_CORRUPT;
+    const int64_t clusterSize = Volume->GetClusterSize();
+    const int64_t unit = int64_t{1} << ReadU8(first->Header, kNonResidentCompressionUnitOffset);
+    const int64_t allocated = ReadI64(first->Header, kNonResidentAllocatedSizeOffset);
+    const int64_t reserved =
+        (allocated + (static_cast<int64_t>(*clusters) - 1 + unit) * clusterSize) / (clusterSize * unit) * unit -
+        allocated / clusterSize;
+    if (reserved <= 0) {
+        *clusters = 0;
+        return ERROR_SUCCESS;
+    }
+    // One run of a zero delta: address space at the previous LCN, not a hole.
+    uint8_t run[kMaxEncodedRunSize];
+    const int runBytes = EncodeDataRun(reserved, 0, run);
+    const int runListOffset = ReadU16(last->Header, kNonResidentRunListOffsetOffset);
+    int end = runListOffset;
+    for (;;) {
+        _DATA_RUN decoded{};
+        const int step = DecodeDataRun(last->Header, end, last->Size, &decoded);
+        if (step < 0) return ERROR_FILE_CORRUPT;
+        if (step == 0) break;
+        end += decoded.Bytes;
+    }
+    const int needed = end + runBytes;
+    if (needed > last->Size) {
+        CAttribute* resized = nullptr;
+        const unsigned int code = last->SetSize(needed, &resized);
+        if (code != ERROR_SUCCESS) return code;
+    }
+    std::memcpy(last->Header + end, run, static_cast<size_t>(runBytes));
+    WriteU64(last->Header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(last->GetHighestVcn() + reserved));
+    last->Mark();
+    *clusters = static_cast<unsigned int>(reserved);
+    return ERROR_SUCCESS;
+}
+
+}  // namespace ntfs

@@ -1,0 +1,71 @@
+// CFileHandle: one open file. The value a host holds is the object's address,
+// checked by a search of the volume's FileHandles.
+//
+// The handle owns one reference to the find object that located the file
+// (its cursor stands on the file's index entry, which close refreshes) and
+// one to the file's record, which all handles of the file share. Size,
+// position and times are the handle's own: they reach the record and the
+// index entries only at close, so two handles of one file do not see each
+// other's growth until the file is opened again.
+//
+// Thread safety: one handle is for one thread at a time; data transfers hold
+// the record's shared lock, growth and resident writes its exclusive lock.
+#pragma once
+
+#include <cstdint>
+
+#include "foundation/platform.h"
+#include "foundation/share_element.h"
+
+namespace ntfs {
+
+class CFindHandle;
+class CFullFileRecord;
+class CNTFSVolume;
+
+// AccessMode bits of CreateFileA.
+constexpr unsigned int kAccessRead = 0x01;
+constexpr unsigned int kAccessWrite = 0x02;
+constexpr unsigned int kAccessDeleteOnClose = 0x04;
+// A second open of an open path needs one of these in common with each open handle.
+constexpr unsigned int kAccessShareMask = 0x18;
+
+class CFileHandle : public CShareElement {
+public:
+    CFileHandle(CFindHandle* findHandle, CNTFSVolume* volume, unsigned int accessMode);
+    // Frees the path, releases the find object and lets go of the record
+    // (destroys it outright after a delete at close).
+    ~CFileHandle() override;
+
+    // Fills the handle from the entry under the find object's cursor: path,
+    // record, sizes, form, times. 0 or a code.
+    [[nodiscard]] unsigned int Initialize(const char16_t* path);
+    // Adds `clusters` clusters at the end of plain non-resident data.
+    [[nodiscard]] unsigned int AllocateClusters(unsigned int clusters);
+    // Reserves address space for compressed data to the next unit boundary;
+    // *clusters in and out.
+    [[nodiscard]] unsigned int ReserveCompressedClusters(unsigned int* clusters);
+    // Writes sizes and times into the record and every index entry of the file
+    // in its directory.
+    [[nodiscard]] unsigned int UpdateIndexEntries(int64_t* accessTime, int64_t* writeTime);
+
+    CFindHandle* FindHandle;
+    CNTFSVolume* Volume;
+    char16_t* Path;
+    CFullFileRecord* FileRecord;
+    int Modified;
+    int64_t DataSize;
+    int64_t AllocatedSize;
+    int64_t FilePointer;
+    int64_t RecordNumber;
+    uint32_t AccessMode;
+    int Resident;
+    _SYSTEMTIME LastWriteTime;
+    _SYSTEMTIME LastReadTime;
+    int Compressed;
+    char16_t StreamName[256];
+    int StreamNameLength;
+    int Deleted;
+};
+
+}  // namespace ntfs
