@@ -73,7 +73,8 @@ TEST(IndexRecordChecks, ConstructionRefusesWhatFailsTheUpdateSequence) {
     EXPECT_EQ(scratch.directory->FindOpenRecord(5), nullptr);
 
     std::vector<uint8_t> eight = good;
-    WriteU16(eight.data(), kIndexUpdateSequenceCountOffset, 8);
+    eight.at(kIndexUpdateSequenceCountOffset) = 8;
+    eight.at(kIndexUpdateSequenceCountOffset + 1) = 0;
     std::vector<uint8_t> torn = good;
     torn[5 * 512 + 511] ^= 0x80;
     std::vector<uint8_t> magic = good;
