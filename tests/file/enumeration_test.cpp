@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "foundation/log.h"
+#include "index/directory.h"
+#include "index/index_test_util.h"
 #include "support/fixture.h"
 #include "support/mounted_volume.h"
 
@@ -189,6 +191,40 @@ TEST(Enumeration, LongAndNonAsciiNamesComeBackWhole) {
     for (const Listed& item : List(mounted.Volume(), u"\\unicode\\*", &lastError)) names.insert(item.name);
     EXPECT_EQ(names.count(u"emoji-\U0001F600-smile.txt"), 1u);
     EXPECT_EQ(names.count(u"\u65e5\u672c\u8a9e.txt"), 1u);
+}
+
+TEST(Enumeration, ContinuesAfterTheDirectoryChanged) {
+    MountedVolume mounted("c4k");
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    _FIND_FILE_DATA data{};
+    void* find = volume->FindFirstFileA(u"\\data\\*", &data);
+    ASSERT_NE(find, nullptr);
+    std::vector<int64_t> seen{data.FileRecordNumber};
+    ASSERT_EQ(volume->FindNextFileA(find, &data), 1);
+    seen.push_back(data.FileRecordNumber);
+    // A change lands between two steps: one name before the cursor, one
+    // after; both entries lead to the record of small-600.bin (84).
+    CDirectory* directory = nullptr;
+    ASSERT_EQ(volume->ReferenceDirectory(78, u"\\data", &directory), ERROR_SUCCESS);
+    directory->LockExclusive();
+    for (const char16_t* name : {u"aaa-first.bin", u"zzz-last.bin"}) {
+        directory->ModifiedRecords.Clear();
+        directory->AbateRecords.Clear();
+        directory->NewRecords.Clear();
+        CIndexEntry* entry = test::MakeEntry(name, 84);
+        EXPECT_EQ(directory->InsertEntry(directory->GetIndexRoot(), entry), ERROR_SUCCESS);
+        delete entry;
+    }
+    directory->UnlockExclusive();
+    directory->Release();
+    while (volume->FindNextFileA(find, &data)) seen.push_back(data.FileRecordNumber);
+    EXPECT_EQ(volume->GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(volume->CloseFindHandle(find), 1);
+    // The seven names once each, plus the later new entry; not the earlier one.
+    EXPECT_EQ(seen.size(), 8u);
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), 84), 2);
+    EXPECT_EQ(std::set<int64_t>(seen.begin(), seen.end()).size(), 7u);
 }
 
 }  // namespace
