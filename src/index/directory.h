@@ -109,6 +109,9 @@ public:
     // on success clears their change flags. Result also in the volume's
     // LastError.
     [[nodiscard]] unsigned int WriteDirectoryRecord();
+    // Sets the parent item of every open record from the items of the root
+    // and the open records that lead to it.
+    void RelinkParents();
     // Clears the bit of the index record at `vcn` in the directory's bitmap.
     [[nodiscard]] unsigned int FreeRecordBit(int64_t vcn);
     // Chain search routine that appends every modified open record to the

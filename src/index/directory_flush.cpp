@@ -11,7 +11,9 @@
 // All of it runs under the directory's exclusive use; the work lists lock
 // themselves per operation only.
 #include <cstdlib>
+#include <algorithm>
 #include <cstring>
+#include <vector>
 
 #include "foundation/endian.h"
 #include "foundation/log.h"
@@ -157,8 +159,35 @@ unsigned int CDirectory::Flush(int* undo) {
     return ERROR_SUCCESS;
 }
 
+void CDirectory::RelinkParents() {
+    std::vector<CBPlusTreeNode*> nodes;
+    if (Root != nullptr) nodes.push_back(Root);
+    std::vector<CBPlusTreeNode*> open;
+    for (int i = 0;; ++i) {
+        CChainElement* element = OpenRecords.GetElement(i);
+        if (element == nullptr) break;
+        CIndexRecord* record = AsIndexRecord(element);
+        record->SetParentItem(nullptr);
+        open.push_back(record);
+        if (record->IsValid()) nodes.push_back(record);
+    }
+    for (CBPlusTreeNode* node : nodes) {
+        for (int i = 0; i < node->GetItemCount(); ++i) {
+            CBPlusTreeItem* item = node->GetItem(i);
+            CBPlusTreeNode* child = item != nullptr ? item->GetChild() : nullptr;
+            if (child != nullptr && std::find(open.begin(), open.end(), child) != open.end()) {
+                child->SetParentItem(item);
+            }
+        }
+    }
+}
+
 unsigned int CDirectory::PrepareRecords(CPointerArray* list) {
     LogMessage("There are %d records need to be modified.\n", list->GetCount());
+    // A node that parsed its entries anew (after a split) leaves the records
+    // below it pointing at items that are gone; the links are taken again
+    // from the items of the live tree before they are followed.
+    RelinkParents();
     // First pass: every record that is not new gets a shadow location, and
     // its parent joins the change, so a changed leaf drags its path up to the
     // root. The list grows while it is walked.
@@ -197,8 +226,10 @@ unsigned int CDirectory::PrepareRecords(CPointerArray* list) {
     for (int i = 0; i + 1 < total; ++i) {
         CIndexRecord* record = list->At<CIndexRecord>(i);
         CBPlusTreeItem* parent = record->GetParentItem();
-        if (parent == nullptr || parent->GetNode() == nullptr) continue;
-        const int j = list->IndexOf(static_cast<CIndexRecord*>(parent->GetNode()));
+        if (parent == nullptr) continue;
+        CBPlusTreeNode* parentNode = parent->GetNode();
+        if (parentNode == nullptr || parentNode == static_cast<CBPlusTreeNode*>(Root)) continue;
+        const int j = list->IndexOf(static_cast<CIndexRecord*>(parentNode));
         if (j >= 0 && j < i) {
             const intptr_t moved = list->Get(j);
             list->RemoveAt(j);

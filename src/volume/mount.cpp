@@ -83,6 +83,8 @@ int CNTFSVolume::InitializeMFT(_FILE_RECORD_HEADER* header) {
     data = mft->FindAttribute(AttributeData, nullptr, 0, 0);
     const int64_t initialized =
         data->IsResident() ? 0 : ReadI64(data->Header, kNonResidentInitializedSizeOffset);
+    // A bitmap left by a first try that failed after this point is replaced.
+    delete MftBitmap;
     MftBitmap = new (std::nothrow) CFileRecordBitmap(this, mft, ClusterSize, FileRecordSectors,
                                                      recordSize, initialized / recordSize);
     if (MftBitmap == nullptr) {
