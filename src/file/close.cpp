@@ -30,49 +30,24 @@ bool ValueHolds(CAttribute* attribute, int offset, int bytes) {
            attribute->GetDataSize() >= offset + bytes;
 }
 
-void Store64(CAttribute* attribute, int offset, int64_t value) {
-    if (!ValueHolds(attribute, offset, 8)) return;
-    WriteU64(attribute->GetValue(), static_cast<size_t>(offset), static_cast<uint64_t>(value));
-    attribute->Mark();
-}
-
-int64_t Now(CNTFSVolume* volume) {
-    _SYSTEMTIME now{};
-    GetSystemTime(&now);
-    _LARGE_INTEGER time{};
-    volume->SystemTimeToFileTime(&now, &time);
-    return time.QuadPart;
-}
-
 void StoreSizes(CAttribute* name, int64_t allocated, int64_t real) {
-    Store64(name, kFileNameAllocatedSizeOffset, allocated);
-    Store64(name, kFileNameRealSizeOffset, real);
+    StoreValue64(name, kFileNameAllocatedSizeOffset, allocated);
+    StoreValue64(name, kFileNameRealSizeOffset, real);
 }
 
 }  // namespace
 
 unsigned int CFileHandle::UpdateIndexEntries(int64_t* accessTime, int64_t* writeTime) {
     CFullFileRecord* record = FileRecord;
-    const int64_t now = Now(Volume);
     for (unsigned int index = 0;; ++index) {
         CAttribute* name = record->FindAttribute(AttributeFileName, nullptr, 0, index);
         if (name == nullptr) break;
         StoreSizes(name, AllocatedSize, DataSize);
     }
-    if (CAttribute* standard = record->FindAttribute(AttributeStandardInformation, nullptr, 0, 0)) {
-        Store64(standard, kStandardChangeTimeOffset, now);
-        if (accessTime != nullptr) Store64(standard, kStandardAccessTimeOffset, *accessTime);
-        if (writeTime != nullptr) Store64(standard, kStandardWriteTimeOffset, *writeTime);
-    }
-    for (unsigned int index = 0;; ++index) {
-        CAttribute* name = record->FindAttribute(AttributeFileName, nullptr, 0, index);
-        if (name == nullptr) break;
-        Store64(name, kFileNameChangeTimeOffset, now);
-        if (accessTime != nullptr) Store64(name, kFileNameAccessTimeOffset, *accessTime);
-        if (writeTime != nullptr) Store64(name, kFileNameWriteTimeOffset, *writeTime);
-    }
-    unsigned int code = Volume->WriteFullRecord(record);
-    if (code != ERROR_SUCCESS) return code;
+    // The times, then the base record and its modified extension records.
+    int64_t changed = 0;
+    if (!Volume->UpdateFileRecord(record, accessTime, writeTime, &changed)) return Volume->GetLastError();
+    unsigned int code = ERROR_SUCCESS;
 
     FindHandle->LockExclusive();
     for (unsigned int index = 0; code == ERROR_SUCCESS; ++index) {

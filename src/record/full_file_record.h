@@ -41,6 +41,11 @@ constexpr int kListEntryReferenceOffset = 16;
 constexpr int kListEntryInstanceOffset = 24;
 constexpr int kListEntryNameOffset = 26;
 
+// Stores a 64-bit value at `valueOffset` of a resident attribute's value (a
+// time or a size of $STANDARD_INFORMATION or $FILE_NAME) and marks it; does
+// nothing when the value is shorter.
+void StoreValue64(CAttribute* attribute, int valueOffset, int64_t value);
+
 class CFullFileRecord : public CShareElement, public CFileRecord {
 public:
     // Adopts `buffer`, the raw base record, and goes on the volume's

@@ -26,14 +26,6 @@ int64_t NowAsFileTime(CNTFSVolume* volume) {
     return time.QuadPart;
 }
 
-// Stores a time in an attribute's value when the value is long enough.
-void StoreTime(CAttribute* attribute, int valueOffset, int64_t time) {
-    uint8_t* value = attribute->GetValue();
-    if (value == nullptr || !attribute->IsResident() || attribute->GetDataSize() < valueOffset + 8) return;
-    WriteU64(value, static_cast<size_t>(valueOffset), static_cast<uint64_t>(time));
-    attribute->Mark();
-}
-
 int64_t LoadTime(CAttribute* attribute, int valueOffset) {
     uint8_t* value = attribute->GetValue();
     if (value == nullptr || !attribute->IsResident() || attribute->GetDataSize() < valueOffset + 8) return 0;
@@ -47,23 +39,30 @@ int64_t StampTimes(CFullFileRecord* record, int64_t now, const int64_t* accessTi
                    const int64_t* writeTime) {
     int64_t last = 0;
     if (CAttribute* standard = record->FindAttribute(AttributeStandardInformation, nullptr, 0, 0)) {
-        StoreTime(standard, kStandardChangeTimeOffset, now);
-        if (accessTime != nullptr) StoreTime(standard, kStandardAccessTimeOffset, *accessTime);
-        if (writeTime != nullptr) StoreTime(standard, kStandardWriteTimeOffset, *writeTime);
+        StoreValue64(standard, kStandardChangeTimeOffset, now);
+        if (accessTime != nullptr) StoreValue64(standard, kStandardAccessTimeOffset, *accessTime);
+        if (writeTime != nullptr) StoreValue64(standard, kStandardWriteTimeOffset, *writeTime);
         last = LoadTime(standard, kStandardAccessTimeOffset);
     }
     for (unsigned int index = 0;; ++index) {
         CAttribute* name = record->FindAttribute(AttributeFileName, nullptr, 0, index);
         if (name == nullptr) break;
-        StoreTime(name, kFileNameChangeTimeOffset, now);
-        if (accessTime != nullptr) StoreTime(name, kFileNameAccessTimeOffset, *accessTime);
-        if (writeTime != nullptr) StoreTime(name, kFileNameWriteTimeOffset, *writeTime);
+        StoreValue64(name, kFileNameChangeTimeOffset, now);
+        if (accessTime != nullptr) StoreValue64(name, kFileNameAccessTimeOffset, *accessTime);
+        if (writeTime != nullptr) StoreValue64(name, kFileNameWriteTimeOffset, *writeTime);
         last = LoadTime(name, kFileNameChangeTimeOffset);
     }
     return last;
 }
 
 }  // namespace
+
+void StoreValue64(CAttribute* attribute, int valueOffset, int64_t value) {
+    uint8_t* bytes = attribute->GetValue();
+    if (bytes == nullptr || !attribute->IsResident() || attribute->GetDataSize() < valueOffset + 8) return;
+    WriteU64(bytes, static_cast<size_t>(valueOffset), static_cast<uint64_t>(value));
+    attribute->Mark();
+}
 
 unsigned int CNTFSVolume::WriteFullRecord(CFullFileRecord* record) {
     LastError = record->WriteRecord();

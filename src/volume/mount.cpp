@@ -197,11 +197,7 @@ int CNTFSVolume::Umount() {
         delete MftBitmap;
         MftBitmap = nullptr;
     }
-    if (ShortNameLists != nullptr) {
-        while (CChainElement* list = ShortNameLists->RemoveHeadElement()) delete list;
-        delete ShortNameLists;
-        ShortNameLists = nullptr;
-    }
+    DestroyShortNameLists();
     return 1;
 }
 

@@ -45,13 +45,16 @@ CNTFSVolume::~CNTFSVolume() {
     MftBitmap = nullptr;
     delete ClusterBitmap;
     ClusterBitmap = nullptr;
-    if (ShortNameLists != nullptr) {
-        while (CChainElement* list = ShortNameLists->RemoveHeadElement()) delete list;
-        delete ShortNameLists;
-        ShortNameLists = nullptr;
-    }
+    DestroyShortNameLists();
     FileRecords.EnableRecoverBox(1);
     while (CChainElement* record = FileRecords.GetElement(0)) delete record;
+}
+
+void CNTFSVolume::DestroyShortNameLists() {
+    if (ShortNameLists == nullptr) return;
+    while (CChainElement* list = ShortNameLists->RemoveHeadElement()) delete list;
+    delete ShortNameLists;
+    ShortNameLists = nullptr;
 }
 
 int CNTFSVolume::GetSectorSize() { return ReadI16(BootSector, kBootBytesPerSectorOffset); }

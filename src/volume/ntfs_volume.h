@@ -157,6 +157,8 @@ protected:
     // Proves the raw $MFT record against its own data and sets up the MFT
     // bitmap; takes ownership of `header`. Nonzero on success.
     int InitializeMFT(_FILE_RECORD_HEADER* header);
+    // Destroys the short-name lists and their container.
+    void DestroyShortNameLists();
     // Writes the base record and each modified extension record, and clears
     // the modified flags when all went well. Result also in LastError.
     unsigned int WriteFullRecord(CFullFileRecord* record);
