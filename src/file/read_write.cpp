@@ -46,7 +46,6 @@ int CNTFSVolume::ReadFile(void* handle, void* buffer, int size, int* done) {
         LastError = ERROR_ACCESS_DENIED;
         return 0;
     }
-    LastError = ERROR_SUCCESS;
     if (file->FilePointer >= file->DataSize) {
         file->FilePointer = file->DataSize;
         return 1;
@@ -129,7 +128,6 @@ int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done
         LastError = ERROR_ACCESS_DENIED;
         return 0;
     }
-    LastError = ERROR_SUCCESS;
     if (size < 0) size = 0;
     if (file->FilePointer > file->DataSize) file->FilePointer = file->DataSize;
     CFullFileRecord* record = file->FileRecord;

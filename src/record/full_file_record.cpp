@@ -144,7 +144,10 @@ unsigned int CFullFileRecord::LoadExtensionRecords() {
         }
         place += length;
     }
-    if (result != ERROR_SUCCESS) return result;
+    if (result != ERROR_SUCCESS) {
+        SortMergedTable();
+        return result;
+    }
     std::sort(numbers.begin(), numbers.end());
 
     CNTFSVolume* volume = CFileRecord::Volume;
@@ -203,7 +206,6 @@ int CFullFileRecord::Revert() {
     const int result = CFileRecord::Revert();
     for (int i = 0; i < ExtensionRecords.GetCount(); ++i) ExtensionRecords.At<CFileRecord>(i)->Revert();
     RebuildMergedTable();
-    Modified = 0;
     return result;
 }
 

@@ -118,7 +118,7 @@ unsigned int CNTFSVolume::FreeMftRecordCount() {
         uint32_t counted = read < piece ? read : piece;
         if (lastPiece && partialBits != 0 && counted == piece) --counted;
         for (uint32_t i = 0; i < counted; ++i) free += CBitmapData::FreeBitsInByte(buffer[i]);
-        if (lastPiece && partialBits != 0 && counted + 1 == piece) {
+        if (lastPiece && partialBits != 0 && counted + 1 == piece && read == piece) {
             // The unused high bits of the partial byte count as in use.
             const uint8_t last = static_cast<uint8_t>(buffer[counted] | (0xFFu << partialBits));
             free += CBitmapData::FreeBitsInByte(last);

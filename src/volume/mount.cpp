@@ -99,11 +99,11 @@ int CNTFSVolume::InitializeMFT(_FILE_RECORD_HEADER* header) {
 
 // References one of the system records that Mount needs; a record that
 // exists but fails its checks is an unrecognised volume.
-int CNTFSVolume::ReferenceSystemRecord(int64_t number, CFullFileRecord** record) {
+int CNTFSVolume::ReferenceSystemRecord(int64_t number, CFullFileRecord** record, bool releaseInvalid) {
     LastError = ReferenceFileRecord(number, record);
     if (LastError != ERROR_SUCCESS) return 0;
     if (!(*record)->IsValid()) {
-        (*record)->Release();
+        if (releaseInvalid) (*record)->Release();
         LastError = ERROR_UNRECOGNIZED_VOLUME;
         return 0;
     }
@@ -112,6 +112,7 @@ int CNTFSVolume::ReferenceSystemRecord(int64_t number, CFullFileRecord** record)
 
 int CNTFSVolume::Mount() {
     if (Mounted && !Umount()) return 0;
+    DestroyShortNameLists();  // left by an earlier mount that failed
     ShortNameLists = new (std::nothrow) CChainElementContainer();
     LogMessage("-------------------- NFTS Volume Mount --------------------\n");
     LogMessage("Mount NTFS Volume from storage device %08XH.\n",
@@ -131,7 +132,8 @@ int CNTFSVolume::Mount() {
                static_cast<unsigned int>(GetFileRecordSize()),
                static_cast<unsigned int>(GetIndexRecordSize()));
 
-    if (!ReferenceSystemRecord(kMftMirrorRecord, &MftMirror)) return 0;
+    // An invalid mirror record keeps its reference: MftMirror holds it.
+    if (!ReferenceSystemRecord(kMftMirrorRecord, &MftMirror, false)) return 0;
 
     CFullFileRecord* volumeRecord = nullptr;
     if (!ReferenceSystemRecord(kVolumeRecord, &volumeRecord)) return 0;

@@ -35,8 +35,10 @@ CNTFSVolume::CNTFSVolume(CStorage* storage)
 
 // No I/O here. What a mount keeps referenced for the life of the volume (the
 // root's record, and after a failed mount whatever it had referenced) is
-// freed, so that nothing outlives the object: directories first, since they
-// hold references to records; then the records and the bitmaps. The embedded
+// freed, so that nothing outlives the object: the directories kept in the
+// recover box first, since they hold references to records; then the
+// bitmaps and the records. Directories and handles a host left open are not
+// touched. The embedded
 // containers then go in reverse order of declaration: Directories,
 // FileRecords, FindHandles, FileHandles.
 CNTFSVolume::~CNTFSVolume() {

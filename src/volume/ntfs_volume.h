@@ -164,7 +164,7 @@ protected:
     unsigned int WriteFullRecord(CFullFileRecord* record);
     // References a system record for Mount: 1, or 0 with LastError set (a
     // record that fails its checks is an unrecognised volume).
-    int ReferenceSystemRecord(int64_t number, CFullFileRecord** record);
+    int ReferenceSystemRecord(int64_t number, CFullFileRecord** record, bool releaseInvalid = true);
     // Unmount write-back of a bitmap: its cached unit, then its record,
     // stamped with the current time. Result also in LastError.
     unsigned int FlushBitmapRecord(CBitmapData* bitmap);
