@@ -1,15 +1,15 @@
-// Helpers of the record tests: FILE records read straight out of the fixture
-// images (boot sector, then $MFT through the run list of its own record 0),
-// fresh empty records, and small builders for attributes.
+// Helpers of the record tests: fresh records, attribute builders, run list
+// decoding, and the $MFT of a fixture image read through the run list of its
+// own record 0.
 #pragma once
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "foundation/endian.h"
@@ -20,18 +20,20 @@
 
 namespace ntfs::test {
 
-// A std::malloc copy of `bytes`, for a CFileRecord to adopt.
-inline _FILE_RECORD_HEADER* AdoptableCopy(const std::vector<uint8_t>& bytes) {
+using Bytes = std::vector<uint8_t>;
+using Runs = std::vector<std::pair<int64_t, int64_t>>;  // (LCN, clusters)
+
+// A record adopting a std::malloc copy of `bytes`.
+inline std::unique_ptr<CFileRecord> RecordFromBytes(const Bytes& bytes, int64_t number = 0) {
     void* buffer = std::malloc(bytes.size());
     std::memcpy(buffer, bytes.data(), bytes.size());
-    return static_cast<_FILE_RECORD_HEADER*>(buffer);
+    return std::make_unique<CFileRecord>(number, static_cast<_FILE_RECORD_HEADER*>(buffer), nullptr,
+                                         nullptr);
 }
 
-// The bytes of a free record made ready by InitializeFileRecord, protected,
-// as they would be written to disk.
-inline std::vector<uint8_t> FreshRecordBytes(int64_t number, uint16_t sequence = 1) {
-    std::vector<uint8_t> bytes(kFileRecordSize, 0);
-    WriteU16(bytes.data(), kFileSequenceNumberOffset, sequence);
+// The protected disk bytes of a free record made ready by InitializeFileRecord.
+inline Bytes FreshRecordBytes(int64_t number) {
+    Bytes bytes(kFileRecordSize, 0);
     if (!CFileRecord::InitializeFileRecord(reinterpret_cast<_FILE_RECORD_HEADER*>(bytes.data()),
                                            kFileRecordSize, kSectorSize, &number)) {
         throw std::runtime_error("InitializeFileRecord refused a free record");
@@ -39,13 +41,12 @@ inline std::vector<uint8_t> FreshRecordBytes(int64_t number, uint16_t sequence =
     return bytes;
 }
 
-inline std::unique_ptr<CFileRecord> RecordFromBytes(const std::vector<uint8_t>& bytes,
-                                                    int64_t number = 0) {
-    return std::make_unique<CFileRecord>(number, AdoptableCopy(bytes), nullptr, nullptr);
+inline Bytes ImageOf(const CFileRecord& record) {
+    return Bytes(record.Image, record.Image + kFileRecordSize);
 }
 
 // A resident attribute of `type` with `name` (may be null) and `valueSize`
-// bytes of value, each byte `fill`.
+// bytes of value, each `fill`.
 inline std::unique_ptr<CAttribute> ResidentAttribute(uint32_t type, const char16_t* name,
                                                      int valueSize, uint8_t fill) {
     const int nameBytes =
@@ -53,93 +54,70 @@ inline std::unique_ptr<CAttribute> ResidentAttribute(uint32_t type, const char16
     auto attribute =
         std::make_unique<CAttribute>(kResidentHeaderSize + nameBytes + 8 + valueSize, 1, name);
     WriteU32(attribute->Header, kAttributeTypeOffset, type);
-    std::vector<uint8_t> value(static_cast<size_t>(valueSize), fill);
-    if (!attribute->SetValue(value.data(), valueSize))
-        throw std::runtime_error("value does not fit");
+    const Bytes value(static_cast<size_t>(valueSize), fill);
+    if (!attribute->SetValue(value.data(), valueSize)) throw std::runtime_error("no fit");
     return attribute;
 }
 
-// The run list of an attribute as raw bytes, from its run list offset to the
-// end byte included.
-inline std::vector<uint8_t> RunBytes(const CAttribute& attribute) {
-    const int start = ReadU16(attribute.Header, kNonResidentRunListOffsetOffset);
-    int end = start;
-    while (end < attribute.Size && attribute.Header[end] != 0) {
-        end += 1 + (attribute.Header[end] & 0x0F) + (attribute.Header[end] >> 4);
-    }
-    return std::vector<uint8_t>(attribute.Header + start, attribute.Header + end + 1);
+// A non-resident $DATA attribute whose run area holds `runs` (end included).
+inline std::unique_ptr<CAttribute> WithRuns(const Bytes& runs, int64_t lowest = 0,
+                                            int64_t highest = 0) {
+    auto attribute = std::make_unique<CAttribute>(
+        kNonResidentHeaderSize + static_cast<int>(runs.size()), 0, nullptr);
+    WriteU32(attribute->Header, kAttributeTypeOffset, AttributeData);
+    attribute->SetValue(runs.data(), static_cast<int>(runs.size()));
+    WriteU64(attribute->Header, kNonResidentLowestVcnOffset, static_cast<uint64_t>(lowest));
+    WriteU64(attribute->Header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(highest));
+    return attribute;
 }
 
-// A fixture image opened for reading records of its $MFT.
-class FixtureMft {
-public:
-    explicit FixtureMft(const std::string& name) : File(FixturePath(name), std::ios::binary) {
-        if (!File) throw std::runtime_error("cannot open fixture " + name);
-        uint8_t boot[kSectorSize];
-        Read(0, boot, sizeof(boot));
-        ClusterSize =
-            ReadU16(boot, kBootBytesPerSectorOffset) * ReadU8(boot, kBootSectorsPerClusterOffset);
-        TotalClusters =
-            ReadI64(boot, kBootTotalSectorsOffset) / ReadU8(boot, kBootSectorsPerClusterOffset);
-        MftOffset = ReadI64(boot, kBootMftLcnOffset) * ClusterSize;
-        std::vector<uint8_t> zero(kFileRecordSize);
-        Read(MftOffset, zero.data(), zero.size());
-        CFileRecord mft(0, AdoptableCopy(zero), nullptr, nullptr);
-        if (!mft.IsValid()) throw std::runtime_error("record 0 of " + name + " is not valid");
-        CAttribute* data = mft.FindAttribute(AttributeData, nullptr, 0, 0);
-        int count = 0;
-        int64_t* pairs = data->GetRunList(&count);
-        for (int i = 0; i < count; ++i) Runs.push_back({pairs[2 * i], pairs[2 * i + 1]});
-        std::free(pairs);
-        FirstExtentRecords = Runs.empty() ? 0 : Runs[0].second * ClusterSize / kFileRecordSize;
-        MappedRecords = 0;
-        for (const auto& run : Runs) MappedRecords += run.second * ClusterSize / kFileRecordSize;
-    }
+inline Runs Decode(const CAttribute& attribute) {
+    int count = -1;
+    int64_t* pairs = attribute.GetRunList(&count);
+    Runs result;
+    for (int i = 0; i < count; ++i) result.push_back({pairs[2 * i], pairs[2 * i + 1]});
+    std::free(pairs);
+    return result;
+}
 
-    // The raw (protected) bytes of record `number`; empty when the run list of
-    // record 0 does not reach it.
-    std::vector<uint8_t> RawRecord(int64_t number) {
-        std::vector<uint8_t> bytes(kFileRecordSize);
-        int64_t vcnByte = number * kFileRecordSize;
-        int done = 0;
-        while (done < kFileRecordSize) {
-            int64_t runStart = 0;
-            bool mapped = false;
-            for (const auto& run : Runs) {
-                const int64_t runBytes = run.second * ClusterSize;
-                if (vcnByte < runStart + runBytes) {
-                    const int64_t inRun = vcnByte - runStart;
-                    int64_t chunk = runBytes - inRun;
-                    if (chunk > kFileRecordSize - done) chunk = kFileRecordSize - done;
-                    Read(run.first * ClusterSize + inRun, bytes.data() + done,
-                         static_cast<size_t>(chunk));
-                    done += static_cast<int>(chunk);
-                    vcnByte += chunk;
-                    mapped = true;
-                    break;
-                }
-                runStart += runBytes;
-            }
-            if (!mapped) return {};
+// The run list bytes from the run list offset to the end byte included.
+inline Bytes RunBytes(const CAttribute& attribute) {
+    const int start = ReadU16(attribute.Header, kNonResidentRunListOffsetOffset);
+    int end = start;
+    while (end < attribute.Size && attribute.Header[end] != 0)
+        end += 1 + (attribute.Header[end] & 0x0F) + (attribute.Header[end] >> 4);
+    return Bytes(attribute.Header + start, attribute.Header + end + 1);
+}
+
+// The $MFT of a fixture image, gathered from the runs of record 0's $DATA.
+struct FixtureMft {
+    explicit FixtureMft(const std::string& name) {
+        const Bytes image = LoadImage(name);
+        const int64_t perCluster = ReadU8(image.data(), kBootSectorsPerClusterOffset);
+        const int64_t cluster = ReadU16(image.data(), kBootBytesPerSectorOffset) * perCluster;
+        TotalClusters = ReadI64(image.data(), kBootTotalSectorsOffset) / perCluster;
+        const auto mft = image.begin() + ReadI64(image.data(), kBootMftLcnOffset) * cluster;
+        auto zero = RecordFromBytes(Bytes(mft, mft + kFileRecordSize));
+        CAttribute* data = zero->FindAttribute(AttributeData, nullptr, 0, 0);
+        if (!zero->IsValid() || data == nullptr) throw std::runtime_error("bad $MFT in " + name);
+        for (const auto& [lcn, clusters] : Decode(*data)) {
+            if ((lcn + clusters) * cluster > static_cast<int64_t>(image.size()))
+                throw std::runtime_error("$MFT run past the image of " + name);
+            Mft.insert(Mft.end(), image.begin() + lcn * cluster,
+                       image.begin() + (lcn + clusters) * cluster);
+            if (FirstExtentRecords == 0) FirstExtentRecords = Mft.size() / kFileRecordSize;
         }
-        return bytes;
+    }
+    int64_t MappedRecords() const { return static_cast<int64_t>(Mft.size()) / kFileRecordSize; }
+    // The raw (protected) bytes of record `number`.
+    Bytes RawRecord(int64_t number) const {
+        const auto at = Mft.begin() + number * kFileRecordSize;
+        return Bytes(at, at + kFileRecordSize);
     }
 
-    int64_t ClusterSize = 0;
+    Bytes Mft;
     int64_t TotalClusters = 0;
-    int64_t MftOffset = 0;
     int64_t FirstExtentRecords = 0;
-    int64_t MappedRecords = 0;
-    std::vector<std::pair<int64_t, int64_t>> Runs;  // (LCN, clusters)
-
-private:
-    void Read(int64_t offset, void* target, size_t size) {
-        File.seekg(offset);
-        File.read(static_cast<char*>(target), static_cast<std::streamsize>(size));
-        if (!File) throw std::runtime_error("short read in fixture");
-    }
-
-    std::ifstream File;
 };
 
 }  // namespace ntfs::test
