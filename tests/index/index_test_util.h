@@ -1,11 +1,8 @@
 // Helpers of the directory index tests: keys folded as the index folds them,
 // owning entries for a name, exact searches and in-order walks through a
 // directory's cursor, a structural check of a whole index, the manifest's
-// names grouped by directory, and where an index record lies in an image.
-//
-// Everything here is inline (the suite's sources are its *_test.cpp files).
-// Single-threaded; callers hold the directory's lock where the library needs
-// one.
+// names by directory, and where an index record lies in an image. Callers
+// hold the directory's lock where the library needs one.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -27,6 +24,7 @@
 #include "record/full_file_record.h"
 #include "record/layout.h"
 #include "support/fixture.h"
+#include "support/mounted_volume.h"
 #include "volume/ntfs_volume.h"
 
 namespace ntfs::test {
@@ -120,79 +118,68 @@ inline std::vector<std::u16string> WalkNames(CDirectory* directory, unsigned int
     return names;
 }
 
-// Every structural promise of a directory's index, or a description of the
-// first broken one: keys in order inside and across nodes, the end entry
-// last and alone in carrying the end flag, items leading down all or none
-// and agreeing with the node's flag, parent items that lead to their nodes,
-// no empty leaf below the root, and no node reached twice.
-class IndexChecker {
-public:
-    explicit IndexChecker(CDirectory* directory) : Directory(directory) {}
-
-    std::string Check() {
-        CIndexRoot* root = Directory->GetIndexRoot();
-        if (root == nullptr) return "no root";
-        if (root->GetParentItem() != Directory->PseudoItem) return "root without the pseudo item";
-        if (Directory->PseudoItem->GetNode() != root) return "pseudo item does not lead to the root";
-        Seen.clear();
-        Keys = 0;
-        Depth = 0;
-        NodesPerLevel.clear();
-        return Visit(root, nullptr, nullptr, 0);
-    }
+struct TreeShape {
     int Keys = 0;
     int Depth = 0;
-    std::vector<int> NodesPerLevel;  // nodes at each depth, the root at 0
-    std::set<CBPlusTreeNode*> Seen;
-
-private:
-    std::string Visit(CBPlusTreeNode* node, const std::u16string* low, const std::u16string* high,
-                      int depth) {
-        if (depth > 32) return "too deep";
-        if (depth + 1 > Depth) Depth = depth + 1;
-        if (static_cast<int>(NodesPerLevel.size()) <= depth) NodesPerLevel.resize(depth + 1);
-        ++NodesPerLevel[depth];
-        if (!Seen.insert(node).second) return "a node is reached twice";
-        const int count = node->GetItemCount();
-        if (count < 1) return "node without items";
-        if (depth > 0 && node->IsLeaf() && count < 2) return "empty leaf below the root";
-        const bool leads = node->GetItem(0)->HasChild();
-        if (leads == node->IsLeaf()) return "node flag disagrees with its entries";
-        std::u16string before = low != nullptr ? *low : u"";
-        bool haveBefore = low != nullptr;
-        for (int i = 0; i < count; ++i) {
-            auto* item = static_cast<CIndexEntry*>(node->GetItem(i));
-            if (item->GetNode() != node) return "item names the wrong node";
-            if (item->GetPrevious() != node->GetItem(i - 1)) return "broken previous link";
-            if (item->GetNext() != node->GetItem(i + 1)) return "broken next link";
-            if (item->IsLast() != (i == count - 1)) return "end entry not last";
-            if (item->HasChild() != leads) return "mixed leaf and interior entries";
-            std::u16string name;
-            if (!item->IsLast()) {
-                name = NameOf(item);
-                ++Keys;
-                if (haveBefore && !IndexLess(before, name)) return "key order broken at " + Narrow(name);
-                if (high != nullptr && !IndexLess(name, *high)) return "key above its bound: " + Narrow(name);
-            }
-            if (item->HasChild()) {
-                CBPlusTreeNode* child = nullptr;
-                if (item->GetChildNode(&child) != ERROR_SUCCESS || child == nullptr)
-                    return "sub-node fails to load";
-                if (child->GetParentItem() != item) return "wrong parent item";
-                std::string problem =
-                    Visit(child, haveBefore ? &before : nullptr, item->IsLast() ? high : &name, depth + 1);
-                if (!problem.empty()) return problem;
-            }
-            if (!item->IsLast()) {
-                before = name;
-                haveBefore = true;
-            }
-        }
-        return "";
-    }
-
-    CDirectory* Directory;
+    std::vector<int> NodesPerLevel;   // nodes at each depth, the root at 0
+    std::set<CBPlusTreeNode*> Nodes;  // every node reached
 };
+
+// Every structural promise of the tree below `node`, or a description of the
+// first broken one: keys in order inside and across nodes (`key` gives an
+// item's key, or false for an end item), the end item last and alone, items
+// leading down all or none as the node's flag says, parent and neighbour
+// links, no empty leaf below the root and no node reached twice.
+template <typename KeyOf>
+std::string CheckTree(CBPlusTreeNode* node, CBPlusTreeItem* parent, KeyOf key, TreeShape* shape,
+                      const std::u16string* low = nullptr, const std::u16string* high = nullptr, int depth = 0) {
+    if (depth > 32) return "too deep";
+    if (depth + 1 > shape->Depth) shape->Depth = depth + 1;
+    shape->NodesPerLevel.resize(shape->Depth);
+    ++shape->NodesPerLevel[depth];
+    if (!shape->Nodes.insert(node).second) return "a node is reached twice";
+    if (node->GetParentItem() != parent) return "wrong parent item";
+    const int count = node->GetItemCount();
+    if (count < 1) return "node without items";
+    if (depth > 0 && node->IsLeaf() && count < 2) return "empty leaf below the root";
+    std::u16string before = low != nullptr ? *low : u"";
+    for (int i = 0; i < count; ++i) {
+        CBPlusTreeItem* item = node->GetItem(i);
+        std::u16string name;
+        const bool real = key(item, &name);
+        if (item->GetNode() != node) return "item names the wrong node";
+        if (item->GetPrevious() != node->GetItem(i - 1) || item->GetNext() != node->GetItem(i + 1))
+            return "broken neighbour link";
+        if (real == (i == count - 1)) return "end item not last";
+        if (item->HasChild() == node->IsLeaf()) return "items and node flag disagree on leading down";
+        if (real && ((low != nullptr && !IndexLess(before, name)) || (high != nullptr && !IndexLess(name, *high))))
+            return "key out of order: " + Narrow(name);
+        if (item->HasChild()) {
+            CBPlusTreeNode* child = nullptr;
+            if (item->GetChildNode(&child) != ERROR_SUCCESS || child == nullptr) return "sub-node fails to load";
+            std::string problem = CheckTree(child, item, key, shape, low, real ? &name : high, depth + 1);
+            if (!problem.empty()) return problem;
+        }
+        if (real) {
+            ++shape->Keys;
+            before = name;
+            low = &before;
+        }
+    }
+    return "";
+}
+
+inline std::string CheckIndex(CDirectory* directory, TreeShape* shape = nullptr) {
+    TreeShape local;
+    CIndexRoot* root = directory->GetIndexRoot();
+    if (root == nullptr || directory->PseudoItem->GetNode() != root) return "root and pseudo item disagree";
+    auto key = [](CBPlusTreeItem* item, std::u16string* name) {
+        if (static_cast<CIndexEntry*>(item)->IsLast()) return false;
+        *name = NameOf(item);
+        return true;
+    };
+    return CheckTree(root, directory->PseudoItem, key, shape != nullptr ? shape : &local);
+}
 
 // The manifest's names by parent directory path ("\\" for the root).
 struct DirectoryNames {
@@ -211,6 +198,28 @@ inline std::map<std::u16string, DirectoryNames> NamesByDirectory(const std::vect
     }
     return directories;
 }
+
+// The empty directory \EmptyDir of a fresh copy of `fixture`, locked for
+// changes.
+class ScratchDirectory {
+public:
+    explicit ScratchDirectory(const std::string& fixture) : mounted(fixture) {
+        ready = mounted.Mount() == 1 &&
+                mounted.Volume()->ReferenceDirectory(66, u"\\EmptyDir", &directory) == ERROR_SUCCESS;
+        if (ready) directory->LockExclusive();
+    }
+    ~ScratchDirectory() {
+        if (directory != nullptr) {
+            directory->UnlockExclusive();
+            directory->Release();
+        }
+        mounted.Volume()->Umount();
+    }
+
+    MountedVolume mounted;
+    CDirectory* directory = nullptr;
+    bool ready = false;
+};
 
 // Byte offset in the image of the index record at `vcn` of `directory`, by
 // the run list of its $INDEX_ALLOCATION; -1 when the VCN is not mapped.
@@ -236,13 +245,6 @@ inline int64_t IndexRecordImageOffset(CDirectory* directory, int64_t vcn) {
         }
         std::free(runs);
     }
-}
-
-// The VCN of the first index record below the root of `directory` (the
-// sub-node of its first entry).
-inline int64_t FirstSubNodeVcn(CDirectory* directory) {
-    auto* first = static_cast<CIndexEntry*>(directory->GetIndexRoot()->GetItem(0));
-    return EntrySubNodeVcn(first->GetEntry());
 }
 
 }  // namespace ntfs::test
