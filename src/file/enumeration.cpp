@@ -25,11 +25,6 @@ constexpr int64_t kRootDirectory = 5;
 constexpr int64_t kFirstUserRecord = 12;
 constexpr int kMaxComponentUnits = 256;
 
-int64_t RecordOf(const uint8_t* entry) {
-    const uint64_t reference = ReadU48(entry, 0);
-    return static_cast<int64_t>(reference << 16) >> 16;
-}
-
 CFindHandle* AsFindHandle(CChainElement* element) {
     return static_cast<CFindHandle*>(static_cast<CShareElement*>(element));
 }
@@ -40,7 +35,7 @@ CFindHandle* AsFindHandle(CChainElement* element) {
 static unsigned int DeliverEntry(CNTFSVolume* volume, CFindHandle* find, const uint8_t* entry,
                                  _FIND_FILE_DATA* data) {
     CFullFileRecord* record = nullptr;
-    const unsigned int code = volume->ReferenceFileRecord(RecordOf(entry), &record);
+    const unsigned int code = volume->ReferenceFileRecord(EntryReferencedRecord(entry), &record);
     if (code != ERROR_SUCCESS) return code;
     const uint64_t parent = ReadU64(entry, kEntryParentOffset);
     record->LockShared();
@@ -62,7 +57,7 @@ void* CNTFSVolume::FindFirstFileA(const char16_t* path, _FIND_FILE_DATA* data) {
         return nullptr;
     }
     for (int i = 0; i <= length; ++i) {
-        folded[i] = path[i] >= u'a' && path[i] <= u'z' ? static_cast<char16_t>(path[i] & ~0x20) : path[i];
+        folded[i] = FoldUnit(path[i]);
     }
     int64_t directoryNumber = kRootDirectory;
     int position = 1;
@@ -107,7 +102,7 @@ void* CNTFSVolume::FindFirstFileA(const char16_t* path, _FIND_FILE_DATA* data) {
             LastError = find->FindFirst(&entry);
         }
         if (LastError == ERROR_SUCCESS && !last) {
-            directoryNumber = RecordOf(entry);
+            directoryNumber = EntryReferencedRecord(entry);
             if ((ReadU32(entry, kEntryFileFlagsOffset) & kFileNameIsDirectory) == 0) LastError = ERROR_FILE_NOT_FOUND;
             find->UnlockShared();
             delete find;
@@ -119,7 +114,7 @@ void* CNTFSVolume::FindFirstFileA(const char16_t* path, _FIND_FILE_DATA* data) {
             position = separator + 1;
             continue;
         }
-        while (LastError == ERROR_SUCCESS && RecordOf(entry) < kFirstUserRecord) {
+        while (LastError == ERROR_SUCCESS && EntryReferencedRecord(entry) < kFirstUserRecord) {
             LastError = find->FindNext(&entry);
         }
         if (LastError == ERROR_SUCCESS) LastError = DeliverEntry(this, find, entry, data);
@@ -147,7 +142,7 @@ int CNTFSVolume::FindNextFileA(void* handle, _FIND_FILE_DATA* data) {
         find->UnlockShared();
         return 0;
     }
-    while (RecordOf(entry) < kFirstUserRecord) {
+    while (EntryReferencedRecord(entry) < kFirstUserRecord) {
         LastError = find->FindNext(&entry);
         if (LastError != ERROR_SUCCESS) {
             // Here the handle goes away with the failure.

@@ -55,7 +55,7 @@ unsigned int CFileHandle::Initialize(const char16_t* path) {
     Path = static_cast<char16_t*>(std::malloc((static_cast<size_t>(length) + 1) * sizeof(char16_t)));
     if (Path == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     for (int i = 0; i <= length; ++i) {
-        Path[i] = path[i] >= u'a' && path[i] <= u'z' ? static_cast<char16_t>(path[i] & ~0x20) : path[i];
+        Path[i] = FoldUnit(path[i]);
     }
     const unsigned int code = FindHandle->Revalidate();
     if (code != ERROR_SUCCESS) return code;

@@ -25,19 +25,12 @@ constexpr int kMaxNameUnits = 255;
 // A walk of one enumeration step never climbs more levels than a tree has.
 constexpr int kMaxClimb = 1024;
 
-char16_t Fold(char16_t unit) { return unit >= u'a' && unit <= u'z' ? static_cast<char16_t>(unit & ~0x20) : unit; }
-
-int64_t RecordOf(const uint8_t* entry) {
-    const uint64_t reference = ReadU48(entry, 0);
-    return static_cast<int64_t>(reference << 16) >> 16;
-}
-
 // The folded name of an entry, NUL-terminated, in a buffer of 512 units (the
 // units behind the name stay zero).
 void FoldedName(const uint8_t* entry, char16_t* buffer) {
     std::memset(buffer, 0, 512 * sizeof(char16_t));
     const int length = ReadU8(entry, kEntryNameLengthOffset);
-    for (int i = 0; i < length; ++i) buffer[i] = Fold(ReadU16(entry, kEntryNameOffset + 2 * i));
+    for (int i = 0; i < length; ++i) buffer[i] = FoldUnit(ReadU16(entry, kEntryNameOffset + 2 * i));
 }
 
 void CopyTime(uint32_t* target, const uint8_t* value, int offset) {
@@ -155,7 +148,7 @@ int CFindHandle::SetPattern(const char16_t* pattern) {
     const int length = lstrlenW(pattern);
     auto* folded = static_cast<char16_t*>(std::malloc((static_cast<size_t>(length) + 1) * sizeof(char16_t)));
     if (folded == nullptr) return 0;
-    for (int i = 0; i <= length; ++i) folded[i] = Fold(pattern[i]);
+    for (int i = 0; i <= length; ++i) folded[i] = FoldUnit(pattern[i]);
     std::free(Pattern);
     Pattern = folded;
     PatternLength = length;
@@ -268,7 +261,7 @@ unsigned int CFindHandle::NextEntry(const uint8_t** entry, _INDEX_SEARCH_KEY* ke
             // Names of the POSIX namespace are always delivered, so each of
             // several POSIX hard links of a file comes out.
             if ((ReadU8(bytes, kEntryNameSpaceOffset) & 3) == 0) return ERROR_SUCCESS;
-            compare = RecordOf(bytes);
+            compare = EntryReferencedRecord(bytes);
             standsOnUndelivered = false;
         }
         if (SeenRecords.GetCount() == 0 || SeenRecords.IndexOf(static_cast<intptr_t>(compare)) < 0) {
@@ -302,7 +295,7 @@ unsigned int CFindHandle::Revalidate() {
 void CFindHandle::FillFindData(const uint64_t* parentReference, CFullFileRecord* record,
                                _FIND_FILE_DATA* data, const uint8_t* entry) {
     if ((ReadU16(entry, kEntryFlagsOffset) & kEntryIsLast) == 0) {
-        SeenRecords.InsertAfter(SeenRecords.GetCount(), static_cast<intptr_t>(RecordOf(entry)));
+        SeenRecords.InsertAfter(SeenRecords.GetCount(), static_cast<intptr_t>(EntryReferencedRecord(entry)));
     }
     KeepEntry(entry);
     std::memset(data->AlternateFileName, 0, sizeof(data->AlternateFileName));

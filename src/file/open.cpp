@@ -33,11 +33,6 @@ struct NameAndSkip {
     int Skip;
 };
 
-int64_t RecordOf(const uint8_t* entry) {
-    const uint64_t reference = ReadU48(entry, 0);
-    return static_cast<int64_t>(reference << 16) >> 16;
-}
-
 }  // namespace
 
 int CNTFSVolume::FileHandleFromFileNameSearchRoutine(CChainElement* element, void* parameter) {
@@ -203,7 +198,7 @@ void* CNTFSVolume::CreateFileA(const char16_t* path, unsigned int attributes, un
             if (!exists) break;
             {
                 CFullFileRecord* record = nullptr;
-                LastError = ReferenceFileRecord(RecordOf(entry), &record);
+                LastError = ReferenceFileRecord(EntryReferencedRecord(entry), &record);
                 if (LastError != ERROR_SUCCESS) break;
                 _FIND_FILE_DATA data{};
                 const uint64_t parent = ReadU64(entry, kEntryParentOffset);

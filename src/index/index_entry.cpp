@@ -25,9 +25,7 @@ bool EntryFitsIn(const uint8_t* image, int64_t offset, int64_t limit) {
 }
 
 void FoldIndexName(char16_t* name) {
-    for (; *name != 0; ++name) {
-        if (*name >= u'a' && *name <= u'z') *name = static_cast<char16_t>(*name & ~0x20);
-    }
+    for (; *name != 0; ++name) *name = FoldUnit(*name);
 }
 
 unsigned int FindEntryInsertPosition(CBPlusTreeNode* start, CIndexEntry* entry, CBPlusTreeNode** node,

@@ -73,6 +73,11 @@ inline void SetEntrySubNodeVcn(uint8_t* entry, int64_t vcn) {
 inline int64_t EntryRecordNumber(const uint8_t* entry) {
     return static_cast<int64_t>(ReadU48(entry, kEntryRecordNumberOffset));
 }
+// The record number of the entry's file reference, its 48 bits sign-extended
+// as the file operations take it.
+inline int64_t EntryReferencedRecord(const uint8_t* entry) {
+    return static_cast<int64_t>(ReadU48(entry, kEntryRecordNumberOffset) << 16) >> 16;
+}
 
 // The length of a leaf entry for a name of `units` units: 82 + 2n rounded up
 // to 8. Its key length is 66 + 2n.
@@ -84,8 +89,12 @@ constexpr int IndexKeySize(int units) { return kEntryNameOffset - kEntryKeyOffse
 // at or before `limit`.
 bool EntryFitsIn(const uint8_t* image, int64_t offset, int64_t limit);
 
-// Folds a NUL-terminated name in place the way the index orders names:
-// units 'a' to 'z' lose bit 5, nothing else changes.
+// The folding of every name comparison: units 'a' to 'z' lose bit 5,
+// nothing else changes ($UpCase is not read).
+inline char16_t FoldUnit(char16_t unit) {
+    return unit >= u'a' && unit <= u'z' ? static_cast<char16_t>(unit & ~0x20) : unit;
+}
+// Folds a NUL-terminated name in place.
 void FoldIndexName(char16_t* name);
 
 class CIndexEntry;
