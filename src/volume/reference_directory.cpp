@@ -25,9 +25,9 @@ CDirectory* AsDirectory(CChainElement* element) {
 }  // namespace
 
 int CNTFSVolume::DirectorySearchRoutine(CChainElement* element, void* parameter) {
+    // The same key test as for file records, on the directory's record.
     CFullFileRecord* record = AsDirectory(element)->GetFileRecord();
-    const int64_t number = record != nullptr && record->CFileRecord::Valid ? record->RecordNumber : -1;
-    return number == *static_cast<int64_t*>(parameter);
+    return record != nullptr && FileRecordSearchRoutine(static_cast<CShareElement*>(record), parameter);
 }
 
 unsigned int CNTFSVolume::ReferenceDirectory(int64_t number, const char16_t* path, CDirectory** directory) {
