@@ -4,7 +4,8 @@
 # present.
 set -euo pipefail
 
-packages=(cmake g++ libgtest-dev libbenchmark-dev zstd ntfs-3g sleuthkit attr)
+# clang and libclang-rt-dev (libFuzzer's runtime) build the fuzz targets.
+packages=(cmake g++ libgtest-dev libbenchmark-dev zstd ntfs-3g sleuthkit attr clang libclang-rt-dev)
 missing=()
 for package in "${packages[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then

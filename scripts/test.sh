@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
 # Builds ntfskit and runs the whole test suite twice: once plain with -Werror,
-# once under AddressSanitizer and UndefinedBehaviorSanitizer. Installs the
-# Debian packages it needs when they are missing (needs root for that).
+# once under AddressSanitizer and UndefinedBehaviorSanitizer; then runs each
+# fuzz target briefly from its committed seeds (scripts/fuzz.sh --smoke).
+# Installs the Debian packages it needs when they are missing (needs root for
+# that).
 #
 # Usage: scripts/test.sh [ctest arguments...]   e.g. scripts/test.sh -R BootData
+# With ctest arguments the fuzz smoke run is skipped.
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
@@ -29,4 +32,7 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 
 run_suite plain -DNTFSKIT_SANITIZE=OFF
 run_suite sanitize -DNTFSKIT_SANITIZE=ON -DNTFSKIT_BENCH=OFF
+if [ ${#ctest_args[@]} -eq 0 ]; then
+    NTFSKIT_FUZZ_BUILD="$build_root/fuzz" "$root/scripts/fuzz.sh" --smoke
+fi
 echo "== all suites passed"
