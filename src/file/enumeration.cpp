@@ -1,8 +1,7 @@
-// The volume's enumeration interface: FindFirstFileA, FindNextFileA,
-// CloseFindHandle, and the walk from a path to its parent directory. Every
-// path is resolved from the root directory, record 5, one component at a
-// time, through the $I30 index of each directory. Records 0 to 11, the
-// volume's own files, are hidden in the last component.
+// The volume's enumeration interface: FindFirstFileA, FindNextFileA and
+// CloseFindHandle. Every path is resolved from the root directory, record 5,
+// one component at a time, through the $I30 index of each directory. Records
+// 0 to 11, the volume's own files, are hidden in the last component.
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -165,37 +164,6 @@ int CNTFSVolume::CloseFindHandle(void* handle) {
     }
     AsFindHandle(element)->Release();
     return 1;
-}
-
-unsigned int CNTFSVolume::GetParentDirectory(const char16_t* path, CDirectory** directory) {
-    const int length = lstrlenW(path);
-    int slash = length - 1;
-    while (slash >= 0 && path[slash] != u'\\') --slash;
-    int64_t number = kRootDirectory;
-    char16_t* parent = nullptr;
-    if (slash > 0) {
-        parent = static_cast<char16_t*>(std::malloc((static_cast<size_t>(slash) + 1) * sizeof(char16_t)));
-        if (parent == nullptr) return LastError = ERROR_NOT_ENOUGH_MEMORY;
-        std::memcpy(parent, path, static_cast<size_t>(slash) * sizeof(char16_t));
-        parent[slash] = 0;
-        _FIND_FILE_DATA data{};
-        void* find = FindFirstFileA(parent, &data);
-        if (find == nullptr) {
-            std::free(parent);
-            return LastError;
-        }
-        CloseFindHandle(find);
-        number = data.FileRecordNumber;
-    } else {
-        parent = static_cast<char16_t*>(std::malloc(3 * sizeof(char16_t)));
-        if (parent == nullptr) return LastError = ERROR_NOT_ENOUGH_MEMORY;
-        parent[0] = u'\\';
-        parent[1] = u'.';
-        parent[2] = 0;
-    }
-    LastError = ReferenceDirectory(number, parent, directory);
-    std::free(parent);
-    return LastError;
 }
 
 }  // namespace ntfs

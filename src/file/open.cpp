@@ -1,7 +1,7 @@
 // Opening files: CreateFileA with the dispositions that open and truncate,
-// the sharing test of OpenFile, and TruncateFile. Files are created by a
-// later part of the library: until then a disposition that would create a
-// file answers as for an absent one.
+// and the sharing test of OpenFile. Files are created by a later part of the
+// library: until then a disposition that would create a file answers as for
+// an absent one.
 #include <cstdlib>
 #include <new>
 
@@ -28,77 +28,7 @@ constexpr unsigned int kOpenAlways = 4;
 constexpr unsigned int kTruncateExisting = 5;
 constexpr unsigned int kFileAttributeDirectory = 0x10;
 
-struct NameAndSkip {
-    const char16_t* Name;
-    int Skip;
-};
-
 }  // namespace
-
-int CNTFSVolume::FileHandleFromFileNameSearchRoutine(CChainElement* element, void* parameter) {
-    auto* block = static_cast<NameAndSkip*>(parameter);
-    auto* handle = static_cast<CFileHandle*>(static_cast<CShareElement*>(element));
-    if (handle->Path == nullptr || lstrcmpiW(handle->Path, block->Name) != 0) return 0;
-    if (block->Skip == 0) return 1;
-    --block->Skip;
-    return 0;
-}
-
-CFileHandle* CNTFSVolume::GetFileHandleByFileName(const char16_t* name, int index) {
-    NameAndSkip block{name, index};
-    CChainElement* element = FileHandles.SearchElement(&FileHandleFromFileNameSearchRoutine, &block);
-    return element != nullptr ? static_cast<CFileHandle*>(static_cast<CShareElement*>(element)) : nullptr;
-}
-
-int CNTFSVolume::IsValidPath(const char16_t* path) {
-    const int length = lstrlenW(path);
-    if (length == 0 || path[0] != u'\\' || path[length - 1] == u'\\') return 0;
-    for (int i = 0; i < length; ++i) {
-        if (path[i] == u'*' || path[i] == u'?') return 0;
-    }
-    return 1;
-}
-
-unsigned int CNTFSVolume::FreeAttributeClusters(CAttribute* attribute) {
-    // Whatever the frees report, the attribute's clusters are given up: 0.
-    if (attribute->IsResident()) return ERROR_SUCCESS;
-    const int runListOffset = ReadU16(attribute->Header, kNonResidentRunListOffsetOffset);
-    int64_t lcn = 0;
-    for (int position = runListOffset;;) {
-        _DATA_RUN run{};
-        if (DecodeDataRun(attribute->Header, position, attribute->Size, &run) != 1) return ERROR_SUCCESS;
-        lcn += run.Offset;
-        // A sparse run owns no clusters; freeing its length at the previous
-        // run's place would free clusters of other files.
-        if (run.OffsetBytes != 0 && run.Length > 0) {
-            int64_t start = lcn;
-            (void)FreeClusters(&start, static_cast<int>(run.Length));
-        }
-        position += run.Bytes;
-    }
-}
-
-unsigned int CNTFSVolume::TruncateFile(CFullFileRecord* record, uint32_t type, const char16_t* name,
-                                       int nameLength) {
-    // Several instances (an attribute list) need the attribute list rewritten
-    // and emptied extension records given back when instances go; that is
-    // not built yet, and removing them without it would leave the freed
-    // clusters mapped on disk.
-    if (record->FindAttribute(type, name, static_cast<unsigned int>(nameLength), 1) != nullptr) {
-        return ERROR_NOT_SUPPORTED;
-    }
-    CAttribute* attribute = record->FindAttribute(type, name, static_cast<unsigned int>(nameLength), 0);
-    if (attribute == nullptr) return ERROR_FILE_CORRUPT;
-    const unsigned int code = FreeAttributeClusters(attribute);
-    if (code != ERROR_SUCCESS) return code;
-    CAttribute* resized = nullptr;
-    (void)attribute->SetSize(nameLength * 2 + 24, &resized);
-    attribute->SetResident(1);
-    WriteU32(attribute->Header, kResidentValueLengthOffset, 0);
-    attribute->Mark();
-    record->MarkModified();
-    return ERROR_SUCCESS;
-}
 
 void* CNTFSVolume::OpenFile(CFindHandle* find, const char16_t* path, unsigned int accessMode) {
     for (int skip = 0;; ++skip) {

@@ -22,18 +22,9 @@ constexpr unsigned int kFileCurrent = 1;
 constexpr unsigned int kFileEnd = 2;
 constexpr int kCompressionUnitClusters = 16;
 
-CFileHandle* AsFileHandle(CChainElement* element) {
-    return static_cast<CFileHandle*>(static_cast<CShareElement*>(element));
-}
-
 int64_t CeilDiv(int64_t value, int64_t by) { return (value + by - 1) / by; }
 
 }  // namespace
-
-CFileHandle* CNTFSVolume::LookUpFileHandle(void* handle) {
-    CChainElement* element = FileHandles.SearchElement(&FileHandleSearchRoutine, handle);
-    return element != nullptr ? AsFileHandle(element) : nullptr;
-}
 
 int CNTFSVolume::ReadFile(void* handle, void* buffer, int size, int* done) {
     *done = 0;

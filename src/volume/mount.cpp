@@ -203,4 +203,11 @@ int CNTFSVolume::Umount() {
     return 1;
 }
 
+void CNTFSVolume::DestroyShortNameLists() {
+    if (ShortNameLists == nullptr) return;
+    while (CChainElement* list = ShortNameLists->RemoveHeadElement()) delete list;
+    delete ShortNameLists;
+    ShortNameLists = nullptr;
+}
+
 }  // namespace ntfs

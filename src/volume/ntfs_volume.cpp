@@ -52,13 +52,6 @@ CNTFSVolume::~CNTFSVolume() {
     while (CChainElement* record = FileRecords.GetElement(0)) delete record;
 }
 
-void CNTFSVolume::DestroyShortNameLists() {
-    if (ShortNameLists == nullptr) return;
-    while (CChainElement* list = ShortNameLists->RemoveHeadElement()) delete list;
-    delete ShortNameLists;
-    ShortNameLists = nullptr;
-}
-
 int CNTFSVolume::GetSectorSize() { return ReadI16(BootSector, kBootBytesPerSectorOffset); }
 
 int CNTFSVolume::GetClusterSectors() const { return ReadU8(BootSector, kBootSectorsPerClusterOffset); }

@@ -16,8 +16,27 @@
 // whose two record size fields InitializeGeometryData has replaced by byte
 // counts. The accessors are valid only after the boot data has been loaded.
 //
-// The members of this class are defined in the folder of the subsystem they
-// belong to (volume/, record/, data/, index/, file/).
+// Where the member bodies live, by group:
+//   life, geometry, CopySector, times   volume/ntfs_volume.cpp
+//   boot sector and geometry checks     volume/boot_data.cpp
+//   Mount, Umount, system records       volume/mount.cpp
+//   ReferenceFileRecord                 volume/file_record_references.cpp
+//   ReferenceDirectory                  volume/reference_directory.cpp
+//   ReadFileRecord, WriteFileRecord     record/file_record_io.cpp
+//   UpdateFileRecord, WriteFullRecord   record/full_file_record_update.cpp
+//   cluster allocation and release      data/cluster_allocation.cpp
+//   DeleteFileRecordFromMFT             data/record_allocation.cpp
+//   bitmap write-back, free records     data/bitmap_write_back.cpp
+//   handle look-ups                     file/handles.cpp
+//   IsValidPath, GetParentDirectory     file/paths.cpp
+//   FindFirstFileA, FindNextFileA, ...  file/enumeration.cpp
+//   CreateFileA, OpenFile               file/open.cpp
+//   TruncateFile                        file/truncate.cpp
+//   ReadFile, WriteFile, seek, size     file/read_write.cpp
+//   CloseFileHandle                     file/close.cpp
+//   CreateDirectoryA                    file/create.cpp
+//   DeleteFile, RemoveDirectoryA        file/delete.cpp
+//   RenameFile                          file/rename.cpp
 #pragma once
 
 #include <cstdint>

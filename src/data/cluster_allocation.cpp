@@ -1,0 +1,76 @@
+// Cluster allocation at volume level: the volume's cluster operations, which
+// forward to the cluster bitmap, and the release of all clusters of a
+// non-resident attribute.
+#include <cstdint>
+
+#include "data/bitmap_data.h"
+#include "foundation/endian.h"
+#include "foundation/log.h"
+#include "foundation/pointer_array.h"
+#include "record/attribute.h"
+#include "record/layout.h"
+#include "record/run_list.h"
+#include "volume/ntfs_volume.h"
+
+namespace ntfs {
+
+unsigned int CNTFSVolume::SearchSpareClusterAndAllocate(int wanted, int64_t* start, int* got,
+                                                        int ignoreExclusions) {
+    if (ClusterBitmap == nullptr) return ERROR_INTERNAL_ERROR;
+    return ClusterBitmap->AllocateUnits(wanted, start, got, ignoreExclusions);
+}
+
+unsigned int CNTFSVolume::SearchSpareClusterAndAllocateWithLeastItemNumber(int wanted, int64_t* start,
+                                                                            int* got, int least,
+                                                                            int ignoreExclusions) {
+    if (ClusterBitmap == nullptr) return ERROR_INTERNAL_ERROR;
+    // Runs that were taken but are too short are held until a long enough
+    // one is found, so the search does not find them again; then they go back.
+    CPointerArray held;
+    auto releaseHeld = [this, &held]() {
+        for (int i = 0; i + 1 < held.GetCount(); i += 2) {
+            int64_t heldStart = held.Get(i);
+            (void)ClusterBitmap->FreeUnits(&heldStart, static_cast<uint32_t>(held.Get(i + 1)));
+        }
+    };
+    for (;;) {
+        const unsigned int code = ClusterBitmap->AllocateUnits(wanted, start, got, ignoreExclusions);
+        if (code != ERROR_SUCCESS) {
+            // No free run is long enough: searching again cannot change that.
+            releaseHeld();
+            return code;
+        }
+        if (*got >= least) {
+            releaseHeld();
+            return ERROR_SUCCESS;
+        }
+        held.InsertAfter(held.GetCount(), static_cast<intptr_t>(*start));
+        held.InsertAfter(held.GetCount(), static_cast<intptr_t>(*got));
+    }
+}
+
+unsigned int CNTFSVolume::FreeClusters(int64_t* start, int count) {
+    if (ClusterBitmap == nullptr) return ERROR_INTERNAL_ERROR;
+    return ClusterBitmap->FreeUnits(start, static_cast<uint32_t>(count));
+}
+
+unsigned int CNTFSVolume::FreeAttributeClusters(CAttribute* attribute) {
+    // Whatever the frees report, the attribute's clusters are given up: 0.
+    if (attribute->IsResident()) return ERROR_SUCCESS;
+    const int runListOffset = ReadU16(attribute->Header, kNonResidentRunListOffsetOffset);
+    int64_t lcn = 0;
+    for (int position = runListOffset;;) {
+        _DATA_RUN run{};
+        if (DecodeDataRun(attribute->Header, position, attribute->Size, &run) != 1) return ERROR_SUCCESS;
+        lcn += run.Offset;
+        // A sparse run owns no clusters; freeing its length at the previous
+        // run's place would free clusters of other files.
+        if (run.OffsetBytes != 0 && run.Length > 0) {
+            int64_t start = lcn;
+            (void)FreeClusters(&start, static_cast<int>(run.Length));
+        }
+        position += run.Bytes;
+    }
+}
+
+}  // namespace ntfs

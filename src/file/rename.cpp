@@ -1,0 +1,14 @@
+// Renaming a file inside its directory.
+// Not built yet: answers ERROR_NOT_SUPPORTED (boolean forms: 0 with
+// LastError set) until its subsystem lands.
+#include "foundation/log.h"
+#include "volume/ntfs_volume.h"
+
+namespace ntfs {
+
+int CNTFSVolume::RenameFile(const char16_t*, const char16_t*) {
+    LastError = ERROR_NOT_SUPPORTED;
+    return 0;
+}
+
+}  // namespace ntfs
