@@ -16,9 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "file/file_handle.h"
+#include "ntfskit.h"
 #include "memory_storage.h"
-#include "volume/ntfs_volume.h"
 
 namespace ntfs {
 namespace {
@@ -59,7 +58,7 @@ void ReadWholeFile(benchmark::State& state, const char16_t* path) {
     int64_t bytes = 0;
     const auto start = std::chrono::steady_clock::now();
     for (auto _ : state) {
-        void* file = volume.CreateFileA(path, 0, 3, kAccessRead | kAccessShareMask);
+        void* file = volume.CreateFileA(path, 0, kOpenExisting, kAccessRead | kAccessShareMask);
         int done = 0;
         do {
             volume.ReadFile(file, buffer.data(), kCallBytes, &done);

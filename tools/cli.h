@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "file_storage.h"
-#include "volume/ntfs_volume.h"
+#include "ntfskit.h"
 
 namespace ntfs::cli {
 

@@ -10,18 +10,12 @@
 #include <vector>
 
 #include "cli.h"
-#include "file/file_handle.h"
-#include "foundation/log.h"
-#include "foundation/platform.h"
+#include "ntfskit.h"
 
 namespace ntfs::cli {
 
 namespace {
 
-constexpr unsigned int kOpenExisting = 3;
-constexpr unsigned int kTruncateExisting = 5;
-constexpr unsigned int kShareAll = kAccessShareMask;
-constexpr uint32_t kAttributeDirectory = 0x10;
 constexpr int kChunk = 1 << 20;
 // Copies longer than this show a progress line on a terminal.
 constexpr uint64_t kProgressThreshold = 4u << 20;
@@ -37,7 +31,7 @@ struct Entry {
 Entry FromFindData(const _FIND_FILE_DATA& data) {
     Entry entry;
     entry.name = data.FileName;
-    entry.directory = (data.FileAttributes & kAttributeDirectory) != 0;
+    entry.directory = (data.FileAttributes & kFileAttributeDirectory) != 0;
     entry.size = (static_cast<uint64_t>(data.FileSizeHigh) << 32) | data.FileSizeLow;
     entry.record = data.FileRecordNumber;
     entry.writeTime = (static_cast<uint64_t>(data.LastWriteTime[1]) << 32) | data.LastWriteTime[0];
@@ -142,7 +136,7 @@ private:
 };
 
 int CopyOut(CNTFSVolume* volume, const std::u16string& path, std::FILE* sink, const std::string& sinkName) {
-    void* file = volume->CreateFileA(path.c_str(), 0, kOpenExisting, kAccessRead | kShareAll);
+    void* file = volume->CreateFileA(path.c_str(), 0, kOpenExisting, kAccessRead | kAccessShareMask);
     if (file == nullptr) return Fail(Utf8(path), volume->GetLastError());
     unsigned int sizeHigh = 0;
     unsigned int sizeLow = 0;
@@ -269,7 +263,7 @@ int CommandWrite(const Options& options) {
         CNTFSVolume* volume = image.Volume();
         const std::u16string path = VolumePath(arguments[1]);
         void* file = volume->CreateFileA(path.c_str(), 0, append ? kOpenExisting : kTruncateExisting,
-                                         kAccessRead | kAccessWrite | kShareAll);
+                                         kAccessRead | kAccessWrite | kAccessShareMask);
         if (file == nullptr) {
             status = Fail(Utf8(path), volume->GetLastError());
         } else {

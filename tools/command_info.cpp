@@ -1,23 +1,8 @@
 // `ntfskit info IMAGE`: geometry, version, and free clusters and records.
 #include "cli.h"
-#include "data/bitmap_data.h"
-#include "foundation/log.h"
+#include "ntfskit.h"
 
 namespace ntfs::cli {
-
-namespace {
-
-int64_t CountFreeItems(CBitmapData* bitmap) {
-    int64_t free = 0;
-    for (int64_t item = 0; item < bitmap->GetItemCount(); ++item) {
-        bool used = true;
-        if (bitmap->IsItemInUse(item, &used) != ERROR_SUCCESS) break;
-        free += used ? 0 : 1;
-    }
-    return free;
-}
-
-}  // namespace
 
 int CommandInfo(const Options& options) {
     if (options.arguments.size() != 1) return FailText("usage: ntfskit info IMAGE");
@@ -26,8 +11,9 @@ int CommandInfo(const Options& options) {
     CNTFSVolume* volume = image.Volume();
     int64_t sectors = 0;
     volume->GetVolumeSectorNumber(&sectors);
-    CClusterBitmap* clusters = volume->GetClusterBitmap();
-    CFileRecordBitmap* records = volume->GetMftBitmap();
+    _VOLUME_SPACE space{};
+    const unsigned int code = volume->GetVolumeSpace(&space);
+    if (code != ERROR_SUCCESS) return Fail(options.arguments[0], code);
     std::FILE* out = Out();
     std::fprintf(out, "NTFS version:        %d.%d\n", volume->GetVersionMajor(), volume->GetVersionMinor());
     std::fprintf(out, "sector size:         %d\n", volume->GetSectorSize());
@@ -35,10 +21,10 @@ int CommandInfo(const Options& options) {
     std::fprintf(out, "file record size:    %d\n", volume->GetFileRecordSize());
     std::fprintf(out, "index record size:   %d\n", volume->GetIndexRecordSize());
     std::fprintf(out, "sectors:             %lld\n", static_cast<long long>(sectors));
-    std::fprintf(out, "clusters:            %lld\n", static_cast<long long>(clusters->GetItemCount()));
-    std::fprintf(out, "free clusters:       %lld\n", static_cast<long long>(CountFreeItems(clusters)));
-    std::fprintf(out, "file records:        %lld\n", static_cast<long long>(records->GetItemCount()));
-    std::fprintf(out, "free file records:   %lld\n", static_cast<long long>(records->FreeRecords));
+    std::fprintf(out, "clusters:            %lld\n", static_cast<long long>(space.Clusters));
+    std::fprintf(out, "free clusters:       %lld\n", static_cast<long long>(space.FreeClusters));
+    std::fprintf(out, "file records:        %lld\n", static_cast<long long>(space.Records));
+    std::fprintf(out, "free file records:   %lld\n", static_cast<long long>(space.FreeRecords));
     return 0;
 }
 

@@ -8,7 +8,6 @@
 
 #include "damage.h"
 #include "data/compression.h"
-#include "file/file_handle.h"
 #include "foundation/endian.h"
 #include "overlay_storage.h"
 #include "record/attribute.h"
@@ -24,13 +23,6 @@ namespace ntfs::fuzz {
 
 namespace {
 
-// CreateFileA dispositions and SetFilePointer methods, as the file
-// interface numbers them.
-constexpr unsigned int kOpenExisting = 3;
-constexpr unsigned int kTruncateExisting = 5;
-constexpr unsigned int kFileBegin = 0;
-constexpr unsigned int kFileEnd = 2;
-constexpr unsigned int kAttributeDirectory = 0x10;
 constexpr unsigned int kReadWriteShared = kAccessRead | kAccessWrite | kAccessShareMask;
 
 // Bounds of one run's work: far above what the fixtures need where the data
@@ -106,7 +98,7 @@ public:
         std::vector<std::pair<std::u16string, bool>> children;
         do {
             data.FileName[511] = 0;
-            if (data.FileName[0] != 0) children.push_back({data.FileName, (data.FileAttributes & kAttributeDirectory) != 0});
+            if (data.FileName[0] != 0) children.push_back({data.FileName, (data.FileAttributes & kFileAttributeDirectory) != 0});
         } while (++Names < kMaxNames && Volume->FindNextFileA(find, &data));
         Volume->CloseFindHandle(find);
         for (const auto& [name, isDirectory] : children) {

@@ -16,19 +16,13 @@
 
 #include "foundation/platform.h"
 #include "foundation/share_element.h"
+#include "volume/volume.h"
 
 namespace ntfs {
 
 class CFindHandle;
 class CFullFileRecord;
 class CNTFSVolume;
-
-// AccessMode bits of CreateFileA.
-constexpr unsigned int kAccessRead = 0x01;
-constexpr unsigned int kAccessWrite = 0x02;
-constexpr unsigned int kAccessDeleteOnClose = 0x04;
-// A second open of an open path needs one of these in common with each open handle.
-constexpr unsigned int kAccessShareMask = 0x18;
 
 class CFileHandle : public CShareElement {
 public:

@@ -20,7 +20,6 @@ namespace ntfs {
 
 namespace {
 
-constexpr uint32_t kAttributeDirectory = 0x10;
 constexpr int kMaxNameUnits = 255;
 // A walk of one enumeration step never climbs more levels than a tree has.
 constexpr int kMaxClimb = 1024;
@@ -325,7 +324,7 @@ void CFindHandle::FillFindData(const uint64_t* parentReference, CFullFileRecord*
     }
     if (last != nullptr) {
         uint32_t attributes = ReadU32(last, kFileNameFlagsOffset);
-        if (attributes & kFileNameIsDirectory) attributes = (attributes & ~kFileNameIsDirectory) | kAttributeDirectory;
+        if (attributes & kFileNameIsDirectory) attributes = (attributes & ~kFileNameIsDirectory) | kFileAttributeDirectory;
         data->FileAttributes = attributes;
         CopyTime(data->CreationTime, last, kFileNameCreationTimeOffset);
         CopyTime(data->LastAccessTime, last, kFileNameAccessTimeOffset);

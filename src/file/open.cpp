@@ -19,17 +19,6 @@
 
 namespace ntfs {
 
-namespace {
-
-constexpr unsigned int kCreateNew = 1;
-constexpr unsigned int kCreateAlways = 2;
-constexpr unsigned int kOpenExisting = 3;
-constexpr unsigned int kOpenAlways = 4;
-constexpr unsigned int kTruncateExisting = 5;
-constexpr unsigned int kFileAttributeDirectory = 0x10;
-
-}  // namespace
-
 void* CNTFSVolume::OpenFile(CFindHandle* find, const char16_t* path, unsigned int accessMode) {
     for (int skip = 0;; ++skip) {
         CFileHandle* open = GetFileHandleByFileName(path, skip);

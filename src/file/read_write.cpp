@@ -17,9 +17,6 @@ namespace ntfs {
 
 namespace {
 
-constexpr unsigned int kFileBegin = 0;
-constexpr unsigned int kFileCurrent = 1;
-constexpr unsigned int kFileEnd = 2;
 constexpr int kCompressionUnitClusters = 16;
 
 int64_t CeilDiv(int64_t value, int64_t by) { return (value + by - 1) / by; }

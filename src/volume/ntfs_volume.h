@@ -27,6 +27,7 @@
 //   cluster allocation and release      data/cluster_allocation.cpp
 //   DeleteFileRecordFromMFT             data/record_allocation.cpp
 //   bitmap write-back, free records     data/bitmap_write_back.cpp
+//   GetVolumeSpace                      data/volume_space.cpp
 //   handle look-ups                     file/handles.cpp
 //   IsValidPath, GetParentDirectory     file/paths.cpp
 //   FindFirstFileA, FindNextFileA, ...  file/enumeration.cpp
@@ -75,6 +76,14 @@ constexpr int kSectorSize = 512;
 constexpr int kFileRecordSize = 1024;
 constexpr int kIndexRecordSize = 4096;
 
+// The space of a mounted volume, as GetVolumeSpace counts it.
+struct _VOLUME_SPACE {
+    int64_t Clusters;      // clusters the cluster bitmap covers
+    int64_t FreeClusters;  // of them, clear in $Bitmap
+    int64_t Records;       // records $MFT's bitmap covers
+    int64_t FreeRecords;   // of the records that exist, clear in $MFT's bitmap
+};
+
 class CNTFSVolume : public CVolume {
 public:
     explicit CNTFSVolume(CStorage* storage);
@@ -113,8 +122,12 @@ public:
     // Stores the boot sector's total sector count, as it stands.
     void GetVolumeSectorNumber(int64_t* out) const;
     uint8_t GetVersionMajor() const { return VersionMajor; }
+    // Counts clusters and records of a mounted volume into `*space`: 0, or
+    // ERROR_INVALID_PARAMETER when not mounted, or the code of a failed read
+    // of $Bitmap. Reads the cluster bitmap unit by unit; writes nothing.
+    [[nodiscard]] unsigned int GetVolumeSpace(_VOLUME_SPACE* space);
     // The two allocation bitmaps of a mounted volume (null before Mount and
-    // after Umount); for tools that report free space and for tests.
+    // after Umount); for tests that audit allocation.
     CClusterBitmap* GetClusterBitmap() const { return ClusterBitmap; }
     CFileRecordBitmap* GetMftBitmap() const { return MftBitmap; }
     uint8_t GetVersionMinor() const { return VersionMinor; }
