@@ -3,7 +3,8 @@
 # once under AddressSanitizer and UndefinedBehaviorSanitizer; then runs each
 # fuzz target briefly from its committed seeds (scripts/fuzz.sh --smoke).
 # Installs the Debian packages it needs when they are missing (needs root for
-# that).
+# that). First of all it checks the layering of the includes
+# (scripts/check_layers.sh).
 #
 # Usage: scripts/test.sh [ctest arguments...]   e.g. scripts/test.sh -R BootData
 # With ctest arguments the fuzz smoke run is skipped.
@@ -14,6 +15,7 @@ build_root=${NTFSKIT_BUILD_ROOT:-$root/build}
 jobs=${NTFSKIT_JOBS:-2}
 
 "$root/scripts/install_deps.sh"
+"$root/scripts/check_layers.sh"
 
 run_suite() {
     local name=$1
