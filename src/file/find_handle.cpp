@@ -306,7 +306,7 @@ void CFindHandle::FillFindData(const uint64_t* parentReference, CFullFileRecord*
         CAttribute* name = record->FindAttribute(AttributeFileName, nullptr, 0, index);
         if (name == nullptr) break;
         const uint8_t* value = name->GetValue();
-        if (value == nullptr || !name->IsResident() || name->GetDataSize() < kFileNameUnitsOffset) continue;
+        if (!name->IsResident() || !name->BodyFits() || name->GetDataSize() < kFileNameUnitsOffset) continue;
         const int units = ReadU8(value, kFileNameLengthOffset);
         if (kFileNameUnitsOffset + 2 * units > name->GetDataSize()) continue;
         last = value;

@@ -79,7 +79,9 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
     *leaves = false;
     CFullFileRecord* record = file->FileRecord;
     CAttribute* attribute = record->FindAttribute(AttributeData, nullptr, 0, 0);
-    if (attribute == nullptr || !attribute->IsResident()) {
+    // A value length that reaches past its attribute is damage: the copies
+    // below trust it.
+    if (attribute == nullptr || !attribute->IsResident() || !attribute->BodyFits()) {
         LastError = ERROR_FILE_CORRUPT;
         return 0;
     }
@@ -97,7 +99,13 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
     if (end < capacity) {
         const int valueOffset = ReadU16(attribute->Header, kResidentValueOffsetOffset);
         CAttribute* resized = nullptr;
-        (void)attribute->SetSize(static_cast<int>(end + valueOffset), &resized);
+        // The free space comes from the record's header. A record that
+        // claims more room than its image holds refuses the growth here, and
+        // the copy would land outside the attribute: damage, nothing changed.
+        if (attribute->SetSize(static_cast<int>(end + valueOffset), &resized) != ERROR_SUCCESS) {
+            LastError = ERROR_FILE_CORRUPT;
+            return 0;
+        }
         std::memcpy(attribute->GetValue() + file->FilePointer, buffer, static_cast<size_t>(size));
         file->FilePointer = end;
         WriteU32(attribute->Header, kResidentValueLengthOffset, static_cast<uint32_t>(file->FilePointer));

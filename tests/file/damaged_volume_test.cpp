@@ -1,0 +1,179 @@
+// Damaged volumes through the file interface: one field of a real fixture is
+// damaged (FILE records in their unprotected form, so that fields behind the
+// first sector keep consistent fix-ups), then the volume is listed, read and
+// written. Every case gets its failure code and leaves the volume as it was:
+// no access outside a record, no overflow, no bits of other clusters freed,
+// no write to another record's place, and no operation that never returns.
+// Cases that could hang run under a watchdog that ends the program.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "data/bitmap_data.h"
+#include "file/file_handle.h"
+#include "foundation/endian.h"
+#include "foundation/log.h"
+#include "index/index_test_util.h"
+#include "record/file_record.h"
+#include "record/layout.h"
+#include "support/fixture.h"
+#include "support/mounted_volume.h"
+
+namespace ntfs {
+namespace {
+
+using test::MountedVolume;
+using Image = std::vector<uint8_t>;
+
+constexpr unsigned int kOpenExisting = 3;
+constexpr unsigned int kTruncateExisting = 5;
+constexpr unsigned int kReadShared = kAccessRead | kAccessShareMask;
+constexpr unsigned int kReadWriteShared = kAccessRead | kAccessWrite | kAccessShareMask;
+constexpr unsigned int kFileEnd = 2;
+
+// Records of "c4k" used below (see its manifest).
+constexpr int64_t kReadme = 64;          // \readme.txt, 180 resident bytes
+constexpr int64_t kEmptyDir = 66;        // \EmptyDir, its root holds the end entry alone
+constexpr int64_t kLargeRandom = 79;     // \data\large-random.bin, one run
+constexpr int64_t kExactCluster = 81;    // \data\exact-cluster.bin, one cluster
+constexpr int64_t kSmall600 = 84;        // \data\small-600.bin, resident, record nearly full
+constexpr int64_t kMixed = 85;           // \MiXeD: CaSe, lower, end entry, in its root
+constexpr int64_t kLower = 88;           // \MiXeD\lower: UPPER.BIN, end entry
+constexpr int64_t kUpper = 89;           // \MiXeD\lower\UPPER.BIN
+constexpr int64_t kExactUnit = 109;      // \compressed\exact-unit.txt, one compression unit
+
+// Where FILE record `number` lies in `image`; the records damaged here lie in
+// the first run of $MFT.
+uint8_t* RecordBytes(Image* image, int64_t number) {
+    const int64_t cluster = int64_t{(*image)[kBootSectorsPerClusterOffset]} * kSectorSize;
+    return image->data() + ReadI64(image->data(), kBootMftLcnOffset) * cluster + number * kFileRecordSize;
+}
+
+// Applies `change` to record `number` in its unprotected form, then protects
+// it again.
+void EditRecord(Image* image, int64_t number, const std::function<void(uint8_t*)>& change) {
+    uint8_t* record = RecordBytes(image, number);
+    ASSERT_EQ(ReadU32(record, kFileMagicOffset), kFileRecordMagic) << number;
+    ASSERT_EQ(ApplyUpdateSequence(record, kFileRecordSize), 1) << number;
+    change(record);
+    ProtectUpdateSequence(record, kFileRecordSize);
+}
+
+// Offset of the first attribute of `type` in an unprotected record.
+size_t AttributeAt(const uint8_t* record, uint32_t type) {
+    size_t at = ReadU16(record, kFileFirstAttributeOffset);
+    while (at + 8 <= kFileRecordSize && ReadU32(record, at) != kAttributeEndMarker) {
+        if (ReadU32(record, at) == type) return at;
+        at += ReadU32(record, at + kAttributeLengthOffset);
+    }
+    ADD_FAILURE() << "no attribute " << type;
+    return 0;
+}
+
+Image DamagedC4k(int64_t number, const std::function<void(uint8_t*)>& change) {
+    Image image = test::LoadImage("c4k");
+    EditRecord(&image, number, change);
+    return image;
+}
+
+void* Open(MountedVolume* mounted, const char16_t* path, unsigned int access) {
+    void* handle = mounted->Volume()->CreateFileA(path, 0, kOpenExisting, access);
+    EXPECT_NE(handle, nullptr) << mounted->Volume()->GetLastError();
+    return handle;
+}
+
+void SeekToEnd(CNTFSVolume* volume, void* handle) {
+    unsigned int low = 0;
+    int high = 0;
+    ASSERT_EQ(volume->SetFilePointer(handle, &low, &high, kFileEnd), ERROR_SUCCESS);
+}
+
+// ---------------------------------------------------------------- records
+
+// A resident value whose length passes its attribute, and a record header
+// that claims more room than the record has, end a write with 1392 before
+// any byte is copied: the copies would land outside the record.
+TEST(DamagedFileRecord, ResidentWritesStayInsideTheRecord) {
+    struct Case {
+        const char* what;
+        int64_t record;
+        const char16_t* path;
+        std::function<void(uint8_t*)> change;
+        bool atEnd;
+        int bytes;
+    };
+    const std::vector<Case> cases = {
+        {"value length past the attribute", kReadme, u"\\readme.txt",
+         [](uint8_t* r) { WriteU32(r, AttributeAt(r, AttributeData) + kResidentValueLengthOffset, 0x2000); }, false,
+         1000},
+        {"allocated size past the record", kSmall600, u"\\data\\small-600.bin",
+         [](uint8_t* r) { WriteU32(r, kFileAllocatedSizeOffset, 0xFFFF); }, true, 200},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        MountedVolume mounted(DamagedC4k(c.record, c.change));
+        ASSERT_EQ(mounted.Mount(), 1);
+        CNTFSVolume* volume = mounted.Volume();
+        void* handle = Open(&mounted, c.path, kReadWriteShared);
+        ASSERT_NE(handle, nullptr);
+        if (c.atEnd) SeekToEnd(volume, handle);
+        unsigned int sizeBefore = 0;
+        ASSERT_EQ(volume->GetFileSize(handle, &sizeBefore, nullptr), 1);
+        const Image before = mounted.Memory().Bytes();
+        const std::vector<uint8_t> data(static_cast<size_t>(c.bytes), 0x5A);
+        int done = -1;
+        EXPECT_EQ(volume->WriteFile(handle, data.data(), c.bytes, &done), 0);
+        EXPECT_EQ(volume->GetLastError(), ERROR_FILE_CORRUPT);
+        EXPECT_EQ(done, 0);
+        unsigned int sizeAfter = 0;
+        ASSERT_EQ(volume->GetFileSize(handle, &sizeAfter, nullptr), 1);
+        EXPECT_EQ(sizeAfter, sizeBefore);
+        EXPECT_TRUE(mounted.Memory().Bytes() == before);
+        volume->CloseFileHandle(handle);
+        volume->Umount();
+    }
+}
+
+// The close of a read-only handle stamps the times and sizes into
+// $FILE_NAME: a value that its header places partly behind the attribute's
+// end must not carry those stores into the attributes behind it.
+TEST(DamagedFileRecord, TimeStampsStayInsideTheirAttribute) {
+    size_t neighbour = 0;
+    Image image = DamagedC4k(kReadme, [&](uint8_t* r) {
+        const size_t name = AttributeAt(r, AttributeFileName);
+        // The value starts 8 bytes before the attribute's end.
+        WriteU16(r, name + kResidentValueOffsetOffset,
+                 static_cast<uint16_t>(ReadU32(r, name + kAttributeLengthOffset) - 8));
+        WriteU32(r, name + kResidentValueLengthOffset, 0x100);
+        neighbour = name + ReadU32(r, name + kAttributeLengthOffset);
+    });
+    MountedVolume mounted(std::move(image));
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    void* handle = Open(&mounted, u"\\readme.txt", kReadShared);
+    ASSERT_NE(handle, nullptr);
+    volume->CloseFileHandle(handle);
+    Image after = mounted.Memory().Bytes();
+    const uint8_t* record = RecordBytes(&after, kReadme);
+    Image unprotected(record, record + kFileRecordSize);
+    ASSERT_EQ(ApplyUpdateSequence(unprotected.data(), kFileRecordSize), 1);
+    Image original = test::LoadImage("c4k");
+    uint8_t* clean = RecordBytes(&original, kReadme);
+    ASSERT_EQ(ApplyUpdateSequence(clean, kFileRecordSize), 1);
+    // The attributes behind $FILE_NAME, up to the end marker.
+    EXPECT_TRUE(std::equal(unprotected.begin() + static_cast<std::ptrdiff_t>(neighbour),
+                           unprotected.begin() + ReadU32(clean, kFileBytesInUseOffset) - 8, clean + neighbour));
+    volume->Umount();
+}
+
+
+}  // namespace
+}  // namespace ntfs
