@@ -78,10 +78,38 @@ size_t AttributeAt(const uint8_t* record, uint32_t type) {
     return 0;
 }
 
+// Offsets in an unprotected directory record: the index root's value, and
+// the entry at `index` of its node.
+size_t RootValueAt(const uint8_t* record) {
+    const size_t root = AttributeAt(record, AttributeIndexRoot);
+    return root + ReadU16(record, root + kResidentValueOffsetOffset);
+}
+size_t RootEntryAt(const uint8_t* record, int index) {
+    size_t at = RootValueAt(record) + kRootEntriesOffset;
+    for (int i = 0; i < index; ++i) at += ReadU16(record, at + kEntryLengthOffset);
+    return at;
+}
+
 Image DamagedC4k(int64_t number, const std::function<void(uint8_t*)>& change) {
     Image image = test::LoadImage("c4k");
     EditRecord(&image, number, change);
     return image;
+}
+
+// Runs `body`; a body that has not come back within a minute hangs, which no
+// later check could report, so the program ends there.
+void EndsInAMinute(const std::string& what, const std::function<void()>& body) {
+    std::atomic<bool> done{false};
+    std::thread watchdog([&] {
+        for (int tenth = 0; tenth < 600 && !done; ++tenth) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (!done) {
+            std::fprintf(stderr, "%s does not come back\n", what.c_str());
+            std::_Exit(1);
+        }
+    });
+    body();
+    done = true;
+    watchdog.join();
 }
 
 void* Open(MountedVolume* mounted, const char16_t* path, unsigned int access) {
@@ -94,6 +122,20 @@ void SeekToEnd(CNTFSVolume* volume, void* handle) {
     unsigned int low = 0;
     int high = 0;
     ASSERT_EQ(volume->SetFilePointer(handle, &low, &high, kFileEnd), ERROR_SUCCESS);
+}
+
+// Lists `pattern` as a host does; a walk that repeats itself is cut off after
+// ten names. Returns the code that ended it.
+unsigned int Walk(CNTFSVolume* volume, const char16_t* pattern, std::vector<std::u16string>* names) {
+    _FIND_FILE_DATA data{};
+    void* find = volume->FindFirstFileA(pattern, &data);
+    if (find == nullptr) return volume->GetLastError();
+    names->push_back(data.FileName);
+    while (names->size() < 10 && volume->FindNextFileA(find, &data)) names->push_back(data.FileName);
+    const unsigned int code = volume->GetLastError();
+    // After a failure while skipping entries the handle is gone already.
+    volume->CloseFindHandle(find);
+    return code;
 }
 
 // ---------------------------------------------------------------- records
@@ -172,6 +214,38 @@ TEST(DamagedFileRecord, TimeStampsStayInsideTheirAttribute) {
     EXPECT_TRUE(std::equal(unprotected.begin() + static_cast<std::ptrdiff_t>(neighbour),
                            unprotected.begin() + ReadU32(clean, kFileBytesInUseOffset) - 8, clean + neighbour));
     volume->Umount();
+}
+
+// ---------------------------------------------------------------- indexes
+
+// An entry is read no further than its length: a name length byte that
+// claims more units than the entry holds (the last entry of \MiXeD, near its
+// record's end) is cut to the entry, and enumeration delivers both names and
+// ends normally; an end entry that lost its flag cannot hold a key, and is
+// damage (before, it was taken for a file of record 0 and skipped for ever).
+TEST(DamagedIndexEntry, EntriesAreReadInsideTheirLength) {
+    {
+        MountedVolume mounted(DamagedC4k(kMixed, [](uint8_t* r) {
+            WriteU8(r, RootEntryAt(r, 1) + kEntryNameLengthOffset, 255);
+        }));
+        ASSERT_EQ(mounted.Mount(), 1);
+        std::vector<std::u16string> names;
+        EXPECT_EQ(Walk(mounted.Volume(), u"\\MiXeD\\*", &names), ERROR_FILE_NOT_FOUND);
+        EXPECT_EQ(names, (std::vector<std::u16string>{u"CaSe", u"lower"}));
+        mounted.Volume()->Umount();
+    }
+    {
+        MountedVolume mounted(DamagedC4k(kEmptyDir, [](uint8_t* r) {
+            WriteU16(r, RootEntryAt(r, 0) + kEntryFlagsOffset, 0);
+        }));
+        ASSERT_EQ(mounted.Mount(), 1);
+        std::vector<std::u16string> names;
+        EndsInAMinute("listing \\EmptyDir", [&] {
+            EXPECT_EQ(Walk(mounted.Volume(), u"\\EmptyDir\\*", &names), ERROR_FILE_CORRUPT);
+        });
+        EXPECT_TRUE(names.empty());
+        mounted.Volume()->Umount();
+    }
 }
 
 
