@@ -105,6 +105,11 @@ unsigned int CNTFSVolume::SearchSpareClusterAndAllocateWithLeastItemNumber(int w
 
 unsigned int CNTFSVolume::FreeClusters(int64_t* start, int count) {
     if (ClusterBitmap == nullptr) return ERROR_INTERNAL_ERROR;
+    // Clusters outside the volume come only from damaged run lists; their
+    // bits are not touched.
+    if (*start < 0 || count < 0 || *start > ClusterBitmap->GetItemCount() - count) {
+        return ERROR_INVALID_PARAMETER;
+    }
     return ClusterBitmap->FreeUnits(start, static_cast<uint32_t>(count));
 }
 

@@ -216,6 +216,35 @@ TEST(DamagedFileRecord, TimeStampsStayInsideTheirAttribute) {
     volume->Umount();
 }
 
+// ---------------------------------------------------------------- data runs
+
+// Truncation gives a file's clusters back. A run list whose run starts before
+// the first cluster would clear the bits of clusters it does not own (and the
+// negative item has no bit at all): it is refused with 1392 before any bit
+// changes.
+TEST(DamagedRunList, TruncationFreesNothingOutsideTheVolume) {
+    MountedVolume mounted(DamagedC4k(kLargeRandom, [](uint8_t* r) {
+        const size_t data = AttributeAt(r, AttributeData);
+        const size_t runs = data + ReadU16(r, data + kNonResidentRunListOffsetOffset);
+        // Sixteen clusters from LCN -3.
+        const uint8_t list[] = {0x11, 0x10, 0xFD, 0x00};
+        std::copy(std::begin(list), std::end(list), r + runs);
+    }));
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    const Image before = mounted.Memory().Bytes();
+    EXPECT_EQ(volume->CreateFileA(u"\\data\\large-random.bin", 0, kTruncateExisting, kReadWriteShared), nullptr);
+    EXPECT_EQ(volume->GetLastError(), ERROR_FILE_CORRUPT);
+    // Whoever asks, clusters outside the volume are not freed.
+    int64_t start = -3;
+    EXPECT_EQ(volume->FreeClusters(&start, 16), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(volume->GetClusterBitmap()->FreeUnits(&start, 16), ERROR_INVALID_PARAMETER);
+    start = volume->GetClusterBitmap()->GetItemCount() - 1;
+    EXPECT_EQ(volume->FreeClusters(&start, 2), ERROR_INVALID_PARAMETER);
+    EXPECT_TRUE(mounted.Memory().Bytes() == before);
+    volume->Umount();
+}
+
 // ---------------------------------------------------------------- indexes
 
 // An entry is read no further than its length: a name length byte that
