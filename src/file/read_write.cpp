@@ -3,6 +3,7 @@
 // record, leaves it when it no longer fits, and non-resident data takes
 // clusters at its end. A file grows only at its end: the pointer never goes
 // beyond the handle's DataSize.
+#include <cstdint>
 #include <cstring>
 
 #include "file/file_handle.h"
@@ -21,6 +22,9 @@ constexpr unsigned int kFileBegin = 0;
 constexpr unsigned int kFileCurrent = 1;
 constexpr unsigned int kFileEnd = 2;
 constexpr int kCompressionUnitClusters = 16;
+// The largest size a file may reach: rounded up to clusters or to a whole
+// compression unit of any cluster size it still has a 64-bit byte count.
+constexpr int64_t kLargestFileSize = INT64_MAX - 0xFFFFFFFF;
 
 CFileHandle* AsFileHandle(CChainElement* element) {
     return static_cast<CFileHandle*>(static_cast<CShareElement*>(element));
@@ -139,6 +143,12 @@ int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done
     if (size < 0) size = 0;
     if (file->FilePointer > file->DataSize) file->FilePointer = file->DataSize;
     CFullFileRecord* record = file->FileRecord;
+    // Only a damaged size puts the pointer this close to the largest size;
+    // the end of the write could not even be computed.
+    if (file->FilePointer > kLargestFileSize - size) {
+        LastError = ERROR_INVALID_PARAMETER;
+        return 0;
+    }
     if (file->Resident) {
         record->LockExclusive();
         bool leaves = false;
@@ -161,7 +171,7 @@ int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done
         CAttribute* first = record->FindAttribute(AttributeData, nullptr, 0, 0);
         const int64_t grown = static_cast<int64_t>(clusters) * clusterSize;
         WriteU64(first->Header, kNonResidentAllocatedSizeOffset,
-                 static_cast<uint64_t>(ReadI64(first->Header, kNonResidentAllocatedSizeOffset) + grown));
+                 ReadU64(first->Header, kNonResidentAllocatedSizeOffset) + static_cast<uint64_t>(grown));
         first->Mark();
         record->MarkModified();
         if (WriteGrownRecord(record) != ERROR_SUCCESS) {

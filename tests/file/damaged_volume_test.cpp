@@ -245,6 +245,91 @@ TEST(DamagedRunList, TruncationFreesNothingOutsideTheVolume) {
     volume->Umount();
 }
 
+// Run deltas that reach an LCN whose sector number passes 64 bits (only a
+// damaged list has them; "c64k" has 128 sectors a cluster): reads and writes
+// there end with 1392 instead of computing a sector.
+TEST(DamagedRunList, LcnBeyondSixtyFourBitSectorsIsCorrupt) {
+    Image image = test::LoadImage("c64k");
+    EditRecord(&image, kLargeRandom, [](uint8_t* r) {
+        const size_t data = AttributeAt(r, AttributeData);
+        const size_t runs = data + ReadU16(r, data + kNonResidentRunListOffsetOffset);
+        // Two runs of seven-byte deltas, 2^55 - 1 each: one cluster, then
+        // four; the last cluster lies at 2^56 + 1, sector 2^63 + 128.
+        const uint8_t list[] = {0x71, 0x01, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F,
+                                0x71, 0x04, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0x00};
+        // The attribute grows by 16 bytes to hold them; the end marker follows.
+        const uint32_t length = ReadU32(r, data + kAttributeLengthOffset) + 16;
+        WriteU32(r, data + kAttributeLengthOffset, length);
+        std::fill(r + runs, r + data + length, 0);
+        std::copy(std::begin(list), std::end(list), r + runs);
+        WriteU32(r, data + length, kAttributeEndMarker);
+        WriteU32(r, data + length + 4, 0);
+        WriteU32(r, kFileBytesInUseOffset, static_cast<uint32_t>(data + length + 8));
+    });
+    MountedVolume mounted(std::move(image));
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    void* handle = Open(&mounted, u"\\data\\large-random.bin", kReadWriteShared);
+    ASSERT_NE(handle, nullptr);
+    unsigned int low = 4 * 65536;
+    int high = 0;
+    ASSERT_EQ(volume->SetFilePointer(handle, &low, &high, 0), ERROR_SUCCESS);
+    std::vector<uint8_t> buffer(512, 0x11);
+    int done = -1;
+    EXPECT_EQ(volume->ReadFile(handle, buffer.data(), 512, &done), 0);
+    EXPECT_EQ(volume->GetLastError(), ERROR_FILE_CORRUPT);
+    const Image before = mounted.Memory().Bytes();
+    // A write reports through the last error alone.
+    EXPECT_EQ(volume->WriteFile(handle, buffer.data(), 512, &done), 1);
+    EXPECT_EQ(volume->GetLastError(), ERROR_FILE_CORRUPT);
+    EXPECT_EQ(done, 0);
+    EXPECT_TRUE(mounted.Memory().Bytes() == before);
+    volume->CloseFileHandle(handle);
+    volume->Umount();
+}
+
+// Growth at the end of a file: sizes and VCNs that only damage produces must
+// not overflow the arithmetic of the growth. Each write fails before it takes
+// a cluster or writes a byte.
+TEST(DamagedRunList, GrowthArithmeticDoesNotOverflow) {
+    struct Case {
+        const char* what;
+        int64_t record;
+        const char16_t* path;
+        std::function<void(uint8_t*, size_t)> change;  // record, $DATA offset
+        unsigned int code;
+    };
+    const std::vector<Case> cases = {
+        {"data size next to the largest size", kLargeRandom, u"\\data\\large-random.bin",
+         [](uint8_t* r, size_t data) { WriteU64(r, data + kNonResidentDataSizeOffset, INT64_MAX - 100); },
+         ERROR_INVALID_PARAMETER},
+        {"lowest VCN whose byte offset passes 64 bits", kExactCluster, u"\\data\\exact-cluster.bin",
+         [](uint8_t* r, size_t data) { WriteU64(r, data + kNonResidentLowestVcnOffset, uint64_t{1} << 62); },
+         ERROR_FILE_CORRUPT},
+        {"compression unit of 2^200 clusters", kExactUnit, u"\\compressed\\exact-unit.txt",
+         [](uint8_t* r, size_t data) { WriteU8(r, data + kNonResidentCompressionUnitOffset, 200); },
+         ERROR_FILE_CORRUPT},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        MountedVolume mounted(DamagedC4k(c.record, [&](uint8_t* r) { c.change(r, AttributeAt(r, AttributeData)); }));
+        ASSERT_EQ(mounted.Mount(), 1);
+        CNTFSVolume* volume = mounted.Volume();
+        void* handle = Open(&mounted, c.path, kReadWriteShared);
+        ASSERT_NE(handle, nullptr);
+        SeekToEnd(volume, handle);
+        const Image before = mounted.Memory().Bytes();
+        const std::vector<uint8_t> data(4096, 0x77);
+        int done = -1;
+        EXPECT_EQ(volume->WriteFile(handle, data.data(), 4096, &done), 0);
+        EXPECT_EQ(volume->GetLastError(), c.code);
+        EXPECT_EQ(done, 0);
+        EXPECT_TRUE(mounted.Memory().Bytes() == before);
+        volume->CloseFileHandle(handle);
+        volume->Umount();
+    }
+}
+
 // ---------------------------------------------------------------- indexes
 
 // An entry is read no further than its length: a name length byte that
@@ -277,6 +362,54 @@ TEST(DamagedIndexEntry, EntriesAreReadInsideTheirLength) {
     }
 }
 
+// The close of a read-only handle writes the index record that holds the
+// file's entry, at the VCN in that record's header. A header that names
+// another record's place, or a place whose byte offset passes 64 bits, is a
+// bad record: 11, and the other record stays as it was.
+TEST(DamagedIndexRecord, CloseWritesNoOtherRecord) {
+    auto directories = test::NamesByDirectory(test::LoadManifest("big"));
+    std::vector<std::u16string> names;
+    for (const auto& [name, records] : directories[u"\\many"].names) names.push_back(name);
+    const std::u16string smallest = *std::min_element(names.begin(), names.end(), test::IndexLess);
+    for (int damage = 0; damage < 2; ++damage) {
+        SCOPED_TRACE(damage == 0 ? "header names the record above" : "header VCN of 2^61");
+        MountedVolume mounted("big");
+        ASSERT_EQ(mounted.Mount(), 1);
+        CNTFSVolume* volume = mounted.Volume();
+        Image& bytes = mounted.Memory().Bytes();
+        // The records of the first entries down to the leaf with the smallest
+        // names, followed in the image so that none of them is read yet.
+        CDirectory* directory = nullptr;
+        ASSERT_EQ(volume->ReferenceDirectory(64, u"\\many", &directory), ERROR_SUCCESS);
+        directory->LockShared();
+        std::vector<int64_t> path = {EntrySubNodeVcn(static_cast<CIndexEntry*>(directory->GetIndexRoot()->GetItem(0))->GetEntry())};
+        std::vector<int64_t> at = {test::IndexRecordImageOffset(directory, path.back())};
+        while (at.back() > 0 && (ReadU32(bytes.data() + at.back(), kIndexFlagsOffset) & kIndexNodeHasSubNodes) != 0) {
+            const uint8_t* first = bytes.data() + at.back() + kIndexNodeHeaderOffset +
+                                   ReadU32(bytes.data() + at.back(), kIndexFirstEntryOffset);
+            path.push_back(EntrySubNodeVcn(first));
+            at.push_back(test::IndexRecordImageOffset(directory, path.back()));
+        }
+        // Where the write would land: the first record of the path, or
+        // offset 0 (the wrapped product), which is the leaf itself here.
+        const int64_t victimAt = damage == 0 ? at.front() : test::IndexRecordImageOffset(directory, 0);
+        directory->UnlockShared();
+        directory->Release();
+        ASSERT_GE(path.size(), 2u);
+        ASSERT_GT(at.back(), 0);
+        ASSERT_GT(victimAt, 0);
+        WriteU64(bytes.data() + at.back(), kIndexVcnOffset,
+                 damage == 0 ? static_cast<uint64_t>(path.front()) : uint64_t{1} << 61);
+        const Image victim(bytes.begin() + victimAt, bytes.begin() + victimAt + kIndexRecordSize);
+
+        void* handle = Open(&mounted, (u"\\many\\" + smallest).c_str(), kReadShared);
+        ASSERT_NE(handle, nullptr);
+        EXPECT_EQ(volume->CloseFileHandle(handle), 0);
+        EXPECT_EQ(volume->GetLastError(), ERROR_BAD_FORMAT);
+        EXPECT_TRUE(std::equal(victim.begin(), victim.end(), bytes.begin() + victimAt));
+        volume->Umount();
+    }
+}
 
 }  // namespace
 }  // namespace ntfs
