@@ -251,7 +251,15 @@ unsigned int CFindHandle::NextEntry(const uint8_t** entry, _INDEX_SEARCH_KEY* ke
                 std::free(deeper);
             }
             Cursor->Index += 1;
-            if (Cursor->Index >= Cursor->Node->GetItemCount()) Cursor->Index = Cursor->Node->GetItemCount() - 1;
+            if (Cursor->Index >= Cursor->Node->GetItemCount()) {
+                Cursor->Index = Cursor->Node->GetItemCount() - 1;
+                // Every node ends in its end entry, and only there does the
+                // walk come back to the place it stood on. A node whose last
+                // item is a real entry (its end entry lost) would give that
+                // entry again on every step, for ever.
+                auto* last = static_cast<CIndexEntry*>(Cursor->Node->GetItem(Cursor->Index));
+                if (last != nullptr && !last->IsLast()) return ERROR_FILE_CORRUPT;
+            }
         }
         CBPlusTreeItem* found = nullptr;
         code = FindNextItem(&found, key);

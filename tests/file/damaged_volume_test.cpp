@@ -90,6 +90,13 @@ size_t RootEntryAt(const uint8_t* record, int index) {
     return at;
 }
 
+// Cuts the end entry off a leaf root: the bytes in use end behind the last
+// real entry.
+void DropRootEndEntry(uint8_t* record) {
+    const size_t inUse = RootValueAt(record) + kRootBytesInUseOffset;
+    WriteU32(record, inUse, ReadU32(record, inUse) - kEntryHeaderSize);
+}
+
 Image DamagedC4k(int64_t number, const std::function<void(uint8_t*)>& change) {
     Image image = test::LoadImage("c4k");
     EditRecord(&image, number, change);
@@ -214,6 +221,51 @@ TEST(DamagedFileRecord, TimeStampsStayInsideTheirAttribute) {
     EXPECT_TRUE(std::equal(unprotected.begin() + static_cast<std::ptrdiff_t>(neighbour),
                            unprotected.begin() + ReadU32(clean, kFileBytesInUseOffset) - 8, clean + neighbour));
     volume->Umount();
+}
+
+// A user file whose directory entry names record 1 opens $MFTMirr's record,
+// as \$MFTMirr itself does; closing such a handle writes that record while
+// holding its lock, and must not wait for that lock a second time. A header
+// that claims record 1 changes nothing: records are written where they were
+// read.
+TEST(DamagedFileRecord, RecordOneThroughAHandleIsClosed) {
+    {
+        MountedVolume mounted("c4k");
+        ASSERT_EQ(mounted.Mount(), 1);
+        void* handle = Open(&mounted, u"\\$MFTMirr", kReadShared);
+        ASSERT_NE(handle, nullptr);
+        EndsInAMinute("closing \\$MFTMirr", [&] { EXPECT_EQ(mounted.Volume()->CloseFileHandle(handle), 1); });
+        mounted.Volume()->Umount();
+    }
+    {
+        MountedVolume mounted(DamagedC4k(kLower, [](uint8_t* r) {
+            WriteU48(r, RootEntryAt(r, 0) + kEntryRecordNumberOffset, 1);
+        }));
+        ASSERT_EQ(mounted.Mount(), 1);
+        void* handle = Open(&mounted, u"\\MiXeD\\lower\\UPPER.BIN", kReadShared);
+        ASSERT_NE(handle, nullptr);
+        // The record's name is not in this directory: the entry refresh ends
+        // with 2 after the record was written.
+        EndsInAMinute("closing a file that is record 1", [&] {
+            EXPECT_EQ(mounted.Volume()->CloseFileHandle(handle), 0);
+            EXPECT_EQ(mounted.Volume()->GetLastError(), ERROR_FILE_NOT_FOUND);
+        });
+        mounted.Volume()->Umount();
+    }
+    {
+        MountedVolume mounted(DamagedC4k(kUpper, [](uint8_t* r) {
+            WriteU16(r, kFileRecordNumberHighOffset, 0);
+            WriteU32(r, kFileRecordNumberLowOffset, 1);
+        }));
+        ASSERT_EQ(mounted.Mount(), 1);
+        Image& bytes = mounted.Memory().Bytes();
+        const Image mirror(RecordBytes(&bytes, 1), RecordBytes(&bytes, 1) + kFileRecordSize);
+        void* handle = Open(&mounted, u"\\MiXeD\\lower\\UPPER.BIN", kReadShared);
+        ASSERT_NE(handle, nullptr);
+        EXPECT_EQ(mounted.Volume()->CloseFileHandle(handle), 1);
+        EXPECT_TRUE(std::equal(mirror.begin(), mirror.end(), RecordBytes(&bytes, 1)));
+        mounted.Volume()->Umount();
+    }
 }
 
 // ---------------------------------------------------------------- data runs
@@ -358,6 +410,47 @@ TEST(DamagedIndexEntry, EntriesAreReadInsideTheirLength) {
             EXPECT_EQ(Walk(mounted.Volume(), u"\\EmptyDir\\*", &names), ERROR_FILE_CORRUPT);
         });
         EXPECT_TRUE(names.empty());
+        mounted.Volume()->Umount();
+    }
+}
+
+// A node that lost its end entry: the step past its last entry would stand on
+// that entry again, for ever: a POSIX name comes out again and again, and the
+// loops that skip entries (records already delivered, the volume's own files
+// below record 12) never end. Each walk ends with 1392 there.
+TEST(DamagedIndexEntry, NodeWithoutEndEntryEndsTheWalk) {
+    // The root of `directory` without its end entry, and its entry `index`
+    // changed at `offset` to `value` (`width` bytes) unless `width` is 0.
+    auto withoutEnd = [](int64_t directory, int index, int offset, uint64_t value, int width) {
+        return DamagedC4k(directory, [=](uint8_t* r) {
+            DropRootEndEntry(r);
+            const size_t at = RootEntryAt(r, index) + static_cast<size_t>(offset);
+            if (width == 1) WriteU8(r, at, static_cast<uint8_t>(value));
+            if (width == 6) WriteU48(r, at, value);
+        });
+    };
+    struct Case {
+        const char* what;
+        Image image;
+        const char16_t* pattern;
+        std::vector<std::u16string> delivered;  // before the failure
+    };
+    std::vector<Case> cases;
+    cases.push_back({"POSIX name delivered again", withoutEnd(kMixed, 1, 0, 0, 0), u"\\MiXeD\\*",
+                     {u"CaSe", u"lower"}});
+    cases.push_back({"Win32 name skipped as delivered", withoutEnd(kMixed, 1, kEntryNameSpaceOffset, 1, 1),
+                     u"\\MiXeD\\*", {u"CaSe", u"lower"}});
+    cases.push_back({"system record skipped by FindNextFileA", withoutEnd(kMixed, 1, kEntryRecordNumberOffset, 11, 6),
+                     u"\\MiXeD\\*", {u"CaSe"}});
+    cases.push_back({"system record skipped by FindFirstFileA",
+                     withoutEnd(kLower, 0, kEntryRecordNumberOffset, 11, 6), u"\\MiXeD\\lower\\*", {}});
+    for (Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        MountedVolume mounted(std::move(c.image));
+        ASSERT_EQ(mounted.Mount(), 1);
+        std::vector<std::u16string> names;
+        EndsInAMinute(c.what, [&] { EXPECT_EQ(Walk(mounted.Volume(), c.pattern, &names), ERROR_FILE_CORRUPT); });
+        EXPECT_EQ(names, c.delivered);
         mounted.Volume()->Umount();
     }
 }
