@@ -156,7 +156,8 @@ unsigned int CFullFileRecord::ReadUnitReportingDevice(_RUN_CURSOR* cursor, uint3
             int64_t clusters = static_cast<uint32_t>(cursor->RunLength - cursor->RunOffset);
             const int64_t wantedClusters = remaining / static_cast<uint32_t>(clusterSize);
             if (wantedClusters < clusters) clusters = wantedClusters;
-            int64_t sector = (cursor->Lcn + cursor->RunOffset) * sectorsPerCluster;
+            int64_t sector = 0;
+            if (!CursorSector(*cursor, sectorsPerCluster, &sector)) return ERROR_FILE_CORRUPT;
             int done = 0;
             const unsigned int code =
                 volume->ReadSector(out, &sector, static_cast<int>(clusters * sectorsPerCluster), &done, nullptr);

@@ -26,7 +26,7 @@ constexpr int kRefreshFrom = 0x08;
 constexpr int kRefreshTo = 0x40;
 
 bool ValueHolds(CAttribute* attribute, int offset, int bytes) {
-    return attribute->IsResident() && attribute->GetValue() != nullptr &&
+    return attribute->IsResident() && attribute->BodyFits() &&
            attribute->GetDataSize() >= offset + bytes;
 }
 

@@ -19,6 +19,11 @@ namespace ntfs {
 namespace {
 constexpr uint16_t kUnitFlagsMask = 0x80FF;
 constexpr int kMaxShortRetries = 64;
+// Bounds valid compressed data stays far below: the compression unit exponent
+// (4 on every volume) and an allocated size that leaves room for rounding up
+// to a whole unit.
+constexpr int kMaxCompressionUnitExponent = 8;
+constexpr int64_t kLargestAllocatedSize = INT64_MAX / 2;
 }  // namespace
 
 CFileHandle::CFileHandle(CFindHandle* findHandle, CNTFSVolume* volume, unsigned int accessMode)
@@ -102,7 +107,13 @@ unsigned int CFileHandle::AllocateClusters(unsigned int clusters) {
     const int64_t clusterSize = Volume->GetClusterSize();
     const int64_t start = attribute->GetLowestVcn();
     const int64_t last = attribute->GetHighestVcn();
-    if (start * clusterSize > AllocatedSize || (last + 1) * clusterSize < AllocatedSize) {
+    // VCNs whose byte offsets do not fit in 64 bits are damage like any other
+    // disagreement between the handle and the run list.
+    int64_t startBytes = 0;
+    int64_t endBytes = 0;
+    if (__builtin_mul_overflow(start, clusterSize, &startBytes) || last == INT64_MAX ||
+        __builtin_mul_overflow(last + 1, clusterSize, &endBytes) || startBytes > AllocatedSize ||
+        endBytes < AllocatedSize) {
         return ERROR_FILE_CORRUPT;
     }
     if (clusters == 0) return ERROR_SUCCESS;
@@ -144,8 +155,14 @@ unsigned int CFileHandle::ReserveCompressedClusters(unsigned int* clusters) {
     CAttribute* last = LastDataPiece(FileRecord);
     if (first == nullptr || last == nullptr || first->IsResident()) return ERROR_FILE_CORRUPT;
     const int64_t clusterSize = Volume->GetClusterSize();
-    const int64_t unit = int64_t{1} << ReadU8(first->Header, kNonResidentCompressionUnitOffset);
+    const int exponent = ReadU8(first->Header, kNonResidentCompressionUnitOffset);
     const int64_t allocated = ReadI64(first->Header, kNonResidentAllocatedSizeOffset);
+    // A unit or an allocated size that valid data never has would overflow
+    // the rounding below.
+    if (exponent > kMaxCompressionUnitExponent || allocated < 0 || allocated > kLargestAllocatedSize) {
+        return ERROR_FILE_CORRUPT;
+    }
+    const int64_t unit = int64_t{1} << exponent;
     const int64_t reserved =
         (allocated + (static_cast<int64_t>(*clusters) - 1 + unit) * clusterSize) / (clusterSize * unit) * unit -
         allocated / clusterSize;
@@ -172,7 +189,8 @@ unsigned int CFileHandle::ReserveCompressedClusters(unsigned int* clusters) {
         if (code != ERROR_SUCCESS) return code;
     }
     std::memcpy(last->Header + end, run, static_cast<size_t>(runBytes));
-    WriteU64(last->Header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(last->GetHighestVcn() + reserved));
+    WriteU64(last->Header, kNonResidentHighestVcnOffset,
+             static_cast<uint64_t>(last->GetHighestVcn()) + static_cast<uint64_t>(reserved));
     last->Mark();
     *clusters = static_cast<unsigned int>(reserved);
     return ERROR_SUCCESS;

@@ -3,6 +3,7 @@
 // record, leaves it when it no longer fits, and non-resident data takes
 // clusters at its end. A file grows only at its end: the pointer never goes
 // beyond the handle's DataSize.
+#include <cstdint>
 #include <cstring>
 
 #include "file/file_handle.h"
@@ -18,6 +19,9 @@ namespace ntfs {
 namespace {
 
 constexpr int kCompressionUnitClusters = 16;
+// The largest size a file may reach: rounded up to clusters or to a whole
+// compression unit of any cluster size it still has a 64-bit byte count.
+constexpr int64_t kLargestFileSize = INT64_MAX - 0xFFFFFFFF;
 
 int64_t CeilDiv(int64_t value, int64_t by) { return (value + by - 1) / by; }
 
@@ -67,7 +71,9 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
     *leaves = false;
     CFullFileRecord* record = file->FileRecord;
     CAttribute* attribute = record->FindAttribute(AttributeData, nullptr, 0, 0);
-    if (attribute == nullptr || !attribute->IsResident()) {
+    // A value length that reaches past its attribute is damage: the copies
+    // below trust it.
+    if (attribute == nullptr || !attribute->IsResident() || !attribute->BodyFits()) {
         LastError = ERROR_FILE_CORRUPT;
         return 0;
     }
@@ -85,7 +91,13 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
     if (end < capacity) {
         const int valueOffset = ReadU16(attribute->Header, kResidentValueOffsetOffset);
         CAttribute* resized = nullptr;
-        (void)attribute->SetSize(static_cast<int>(end + valueOffset), &resized);
+        // The free space comes from the record's header. A record that
+        // claims more room than its image holds refuses the growth here, and
+        // the copy would land outside the attribute: damage, nothing changed.
+        if (attribute->SetSize(static_cast<int>(end + valueOffset), &resized) != ERROR_SUCCESS) {
+            LastError = ERROR_FILE_CORRUPT;
+            return 0;
+        }
         std::memcpy(attribute->GetValue() + file->FilePointer, buffer, static_cast<size_t>(size));
         file->FilePointer = end;
         WriteU32(attribute->Header, kResidentValueLengthOffset, static_cast<uint32_t>(file->FilePointer));
@@ -119,6 +131,12 @@ int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done
     if (size < 0) size = 0;
     if (file->FilePointer > file->DataSize) file->FilePointer = file->DataSize;
     CFullFileRecord* record = file->FileRecord;
+    // Only a damaged size puts the pointer this close to the largest size;
+    // the end of the write could not even be computed.
+    if (file->FilePointer > kLargestFileSize - size) {
+        LastError = ERROR_INVALID_PARAMETER;
+        return 0;
+    }
     if (file->Resident) {
         record->LockExclusive();
         bool leaves = false;
@@ -141,7 +159,7 @@ int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done
         CAttribute* first = record->FindAttribute(AttributeData, nullptr, 0, 0);
         const int64_t grown = static_cast<int64_t>(clusters) * clusterSize;
         WriteU64(first->Header, kNonResidentAllocatedSizeOffset,
-                 static_cast<uint64_t>(ReadI64(first->Header, kNonResidentAllocatedSizeOffset) + grown));
+                 ReadU64(first->Header, kNonResidentAllocatedSizeOffset) + static_cast<uint64_t>(grown));
         first->Mark();
         record->MarkModified();
         if (WriteGrownRecord(record) != ERROR_SUCCESS) {

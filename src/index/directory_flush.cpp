@@ -51,7 +51,17 @@ unsigned int CDirectory::WriteIndexRecord(CIndexRecord* record) {
         std::memcpy(buffer, record->Image, bytes < static_cast<size_t>(RecordSize) ? bytes : RecordSize);
     }
     ProtectIndexRecord(buffer, RecordSize);
-    int64_t offset = ReadI64(buffer, kIndexVcnOffset) * VirtualClusterSize;
+    // The record goes to the VCN in its header. A header that names another
+    // place than the one the record was read from or made for (damage) would
+    // overwrite another record, and one whose byte offset does not fit in 64
+    // bits names no place at all: a bad record, and nothing is written.
+    const int64_t vcn = ReadI64(buffer, kIndexVcnOffset);
+    int64_t offset = 0;
+    if ((record->IsValid() && vcn != record->GetShadowVcn()) || vcn < 0 ||
+        __builtin_mul_overflow(vcn, static_cast<int64_t>(VirtualClusterSize), &offset)) {
+        std::free(buffer);
+        return ERROR_BAD_FORMAT;
+    }
     uint32_t written = 0;
     const unsigned int code = FileRecord->WriteAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength,
                                                          &offset, static_cast<uint32_t>(RecordSize), buffer, &written);

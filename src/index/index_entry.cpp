@@ -74,13 +74,15 @@ CIndexEntry::~CIndexEntry() {
     if (OwnsBuffer) std::free(Entry);
 }
 
-int CIndexEntry::GetNameLength() const {
-    if (IsLast()) return 0;
-    const int room = (GetLength() - kEntryNameOffset) / 2;
+int EntryNameLength(const uint8_t* entry) {
+    if (EntryIsLast(entry)) return 0;
+    const int room = (EntryLength(entry) - kEntryNameOffset) / 2;
     if (room <= 0) return 0;
-    const int length = ReadU8(Entry, kEntryNameLengthOffset);
+    const int length = ReadU8(entry, kEntryNameLengthOffset);
     return length < room ? length : room;
 }
+
+int CIndexEntry::GetNameLength() const { return EntryNameLength(Entry); }
 
 int CIndexEntry::CopyName(char16_t* name) const {
     const int length = GetNameLength();

@@ -21,7 +21,7 @@ int64_t NowAsFileTime(CNTFSVolume* volume) {
 
 int64_t LoadTime(CAttribute* attribute, int valueOffset) {
     uint8_t* value = attribute->GetValue();
-    if (value == nullptr || !attribute->IsResident() || attribute->GetDataSize() < valueOffset + 8) return 0;
+    if (!attribute->IsResident() || !attribute->BodyFits() || attribute->GetDataSize() < valueOffset + 8) return 0;
     return ReadI64(value, static_cast<size_t>(valueOffset));
 }
 
@@ -52,7 +52,8 @@ int64_t StampTimes(CFullFileRecord* record, int64_t now, const int64_t* accessTi
 
 void StoreValue64(CAttribute* attribute, int valueOffset, int64_t value) {
     uint8_t* bytes = attribute->GetValue();
-    if (bytes == nullptr || !attribute->IsResident() || attribute->GetDataSize() < valueOffset + 8) return;
+    // The value length is trusted only inside the attribute.
+    if (!attribute->IsResident() || !attribute->BodyFits() || attribute->GetDataSize() < valueOffset + 8) return;
     WriteU64(bytes, static_cast<size_t>(valueOffset), static_cast<uint64_t>(value));
     attribute->Mark();
 }

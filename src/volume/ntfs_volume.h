@@ -152,6 +152,8 @@ public:
                                                              int ignoreExclusions);
     [[nodiscard]] unsigned int SearchSpareClusterAndAllocateWithLeastItemNumber(
         int wanted, int64_t* start, int* got, int least, int ignoreExclusions);
+    // Frees `count` clusters at `*start`; ERROR_INVALID_PARAMETER, nothing
+    // changed, for clusters outside the volume.
     [[nodiscard]] unsigned int FreeClusters(int64_t* start, int count);
     [[nodiscard]] unsigned int DeleteFileRecordFromMFT(int64_t number);
 
@@ -217,7 +219,9 @@ protected:
     // Empties attribute (type, name) of `record`: extra instances go, the
     // first becomes an empty resident value. Nothing is written.
     unsigned int TruncateFile(CFullFileRecord* record, uint32_t type, const char16_t* name, int nameLength);
-    // Gives the clusters of a non-resident attribute back to the volume.
+    // Gives the clusters of a non-resident attribute back to the volume: 0,
+    // or ERROR_FILE_CORRUPT with nothing freed when its run list is damaged
+    // or leaves the volume.
     unsigned int FreeAttributeClusters(CAttribute* attribute);
     // The open file handle with this value, or null.
     CFileHandle* LookUpFileHandle(void* handle);
