@@ -46,11 +46,18 @@ int CNTFSVolume::ReadFile(void* handle, void* buffer, int size, int* done) {
         LastError = ERROR_ACCESS_DENIED;
         return 0;
     }
+    // Deviation for safety: a negative count would reach the transfer as a
+    // count of about 4 GiB and fill the caller's buffer far beyond its end;
+    // it is refused before anything moves.
+    if (size < 0) {
+        LastError = ERROR_INVALID_PARAMETER;
+        return 0;
+    }
     if (file->FilePointer >= file->DataSize) {
         file->FilePointer = file->DataSize;
         return 1;
     }
-    int64_t count = size < 0 ? 0 : size;
+    int64_t count = size;
     if (count > file->DataSize - file->FilePointer) count = file->DataSize - file->FilePointer;
     int64_t position = file->FilePointer;
     uint32_t read = 0;
@@ -128,7 +135,13 @@ int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done
         LastError = ERROR_ACCESS_DENIED;
         return 0;
     }
-    if (size < 0) size = 0;
+    // Deviation for safety: a negative size is no request to shorten the file
+    // (only a write of no bytes is), and taken as a count it would read about
+    // 4 GiB from the caller's buffer. It is refused and nothing changes.
+    if (size < 0) {
+        LastError = ERROR_INVALID_PARAMETER;
+        return 0;
+    }
     if (file->FilePointer > file->DataSize) file->FilePointer = file->DataSize;
     CFullFileRecord* record = file->FileRecord;
     if (file->Resident) {

@@ -4,6 +4,8 @@
 // independent readers after close and unmount.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -248,6 +250,56 @@ TEST(FileHandles, TruncateOnOpenAndZeroWriteShorten) {
     EXPECT_EQ(Icat(saved, Find(manifest, "\\data\\exact-cluster.bin")->record).size(), 0u);
     EXPECT_EQ(Icat(saved, Find(manifest, "\\data\\large-random.bin")->record).size(), 1000u);
     EXPECT_EQ(test::RunTool("ntfsfix -n " + test::ShellQuote(saved)).status, 0);
+}
+
+// A negative size asks for nothing: no read, no write, no shortening of a
+// non-resident file (only a write of no bytes shortens), no growth of a
+// resident one.
+TEST(FileHandles, NegativeSizesAreRefusedAndChangeNothing) {
+    MountedVolume mounted("c4k");
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    const std::vector<ManifestEntry> manifest = LoadManifest("c4k");
+    const std::string original = test::FixturePath("c4k");
+    struct Case {
+        const char16_t* path;
+        const char* name;
+    };
+    for (const Case& file : {Case{u"\\data\\large-random.bin", "\\data\\large-random.bin"},
+                             Case{u"\\readme.txt", "\\readme.txt"}}) {
+        SCOPED_TRACE(file.name);
+        void* handle = volume->CreateFileA(file.path, 0, kOpenExisting, kReadWriteShared);
+        ASSERT_NE(handle, nullptr) << volume->GetLastError();
+        unsigned int size = 0;
+        ASSERT_EQ(volume->GetFileSize(handle, &size, nullptr), 1);
+        unsigned int low = 100;
+        ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, 0), ERROR_SUCCESS);
+        std::vector<uint8_t> buffer(64, 0xEE);
+        for (const int negative : {-1, -64, INT32_MIN}) {
+            int done = 7;
+            EXPECT_EQ(volume->WriteFile(handle, buffer.data(), negative, &done), 0);
+            EXPECT_EQ(volume->GetLastError(), ERROR_INVALID_PARAMETER);
+            EXPECT_EQ(done, 0);
+            done = 7;
+            EXPECT_EQ(volume->ReadFile(handle, buffer.data(), negative, &done), 0);
+            EXPECT_EQ(volume->GetLastError(), ERROR_INVALID_PARAMETER);
+            EXPECT_EQ(done, 0);
+        }
+        EXPECT_TRUE(std::all_of(buffer.begin(), buffer.end(), [](uint8_t byte) { return byte == 0xEE; }));
+        unsigned int after = 0;
+        ASSERT_EQ(volume->GetFileSize(handle, &after, nullptr), 1);
+        EXPECT_EQ(after, size);
+        low = 0;
+        ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, 1), ERROR_SUCCESS);
+        EXPECT_EQ(low, 100u);
+        EXPECT_EQ(volume->CloseFileHandle(handle), 1) << volume->GetLastError();
+    }
+    const std::string saved = mounted.UnmountToFile();
+    for (const char* path : {"\\data\\large-random.bin", "\\readme.txt"}) {
+        const ManifestEntry* entry = Find(manifest, path);
+        ASSERT_NE(entry, nullptr);
+        EXPECT_TRUE(Icat(saved, entry->record) == Cat(original, entry->record)) << path;
+    }
 }
 
 TEST(FileHandles, TruncatingDataSpreadOverExtensionRecordsIsRefused) {
