@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "file/file_handle.h"
+#include "foundation/endian.h"
 #include "foundation/log.h"
 #include "support/fixture.h"
 #include "support/mounted_volume.h"
@@ -299,6 +300,42 @@ TEST(FileHandles, NegativeSizesAreRefusedAndChangeNothing) {
         const ManifestEntry* entry = Find(manifest, path);
         ASSERT_NE(entry, nullptr);
         EXPECT_TRUE(Icat(saved, entry->record) == Cat(original, entry->record)) << path;
+    }
+}
+
+// A file record the device cannot read: the open answers the device's own
+// code, not a verdict on the record.
+TEST(FileHandles, AnUnreadableFileRecordAnswersTheDeviceCode) {
+    const std::vector<ManifestEntry> manifest = LoadManifest("c4k");
+    const ManifestEntry* entry = Find(manifest, "\\readme.txt");
+    ASSERT_NE(entry, nullptr);
+    const std::vector<uint8_t> image = test::LoadImage("c4k");
+    const int64_t clusterSectors = image[13];
+    const int64_t sector = ReadI64(image.data(), 48) * clusterSectors + entry->record * 2;
+    {
+        // The record lies where the first run of $MFT puts it: an open reads it there.
+        MountedVolume mounted(image);
+        ASSERT_EQ(mounted.Mount(), 1);
+        mounted.Faults().ClearLogs();
+        void* handle = mounted.Volume()->CreateFileA(u"\\readme.txt", 0, kOpenExisting, kReadShared);
+        ASSERT_NE(handle, nullptr);
+        EXPECT_TRUE(std::any_of(mounted.Faults().ReadLog().begin(), mounted.Faults().ReadLog().end(),
+                                [&](const test::FaultStorage::ReadEntry& read) {
+                                    return read.sector <= sector && sector < read.sector + read.count;
+                                }));
+        EXPECT_EQ(mounted.Volume()->CloseFileHandle(handle), 1);
+    }
+    for (const unsigned int code : {ERROR_IO_DEVICE, ERROR_SECTOR_NOT_FOUND}) {
+        MountedVolume mounted(image);
+        ASSERT_EQ(mounted.Mount(), 1);
+        mounted.Faults().FailReadsOfSector(sector, code);
+        EXPECT_EQ(mounted.Volume()->CreateFileA(u"\\readme.txt", 0, kOpenExisting, kReadShared), nullptr);
+        EXPECT_EQ(mounted.Volume()->GetLastError(), code);
+        // Once the device reads again, so does the file.
+        mounted.Faults().Heal();
+        void* handle = mounted.Volume()->CreateFileA(u"\\readme.txt", 0, kOpenExisting, kReadShared);
+        ASSERT_NE(handle, nullptr) << mounted.Volume()->GetLastError();
+        EXPECT_EQ(mounted.Volume()->CloseFileHandle(handle), 1);
     }
 }
 
