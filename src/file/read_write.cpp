@@ -62,24 +62,25 @@ int CNTFSVolume::ReadFile(void* handle, void* buffer, int size, int* done) {
     int64_t position = file->FilePointer;
     uint32_t read = 0;
     file->FileRecord->LockShared();
-    LastError = file->FileRecord->ReadAttribute(AttributeData, nullptr, 0, &position,
-                                                static_cast<uint32_t>(count), buffer, &read);
+    const unsigned int code = file->FileRecord->ReadAttribute(AttributeData, nullptr, 0, &position,
+                                                              static_cast<uint32_t>(count), buffer, &read);
     file->FileRecord->UnlockShared();
+    LastError = code;
     file->FilePointer += read;
     GetSystemTime(&file->LastReadTime);
     *done = static_cast<int>(read);
-    return LastError == ERROR_SUCCESS ? 1 : 0;
+    // The result follows this transfer's own code: LastError is shared by
+    // every thread of the volume.
+    return code == ERROR_SUCCESS ? 1 : 0;
 }
 
 // Stamps the change time and writes the file's records after a growth; a
 // failure puts the record image back.
 unsigned int CNTFSVolume::WriteGrownRecord(CFullFileRecord* record) {
     int64_t changed = 0;
-    if (!UpdateFileRecord(record, nullptr, nullptr, &changed)) {
-        record->Revert();
-        return LastError;
-    }
-    return ERROR_SUCCESS;
+    const unsigned int code = WriteChangedRecord(record, nullptr, nullptr, &changed);
+    if (code != ERROR_SUCCESS) record->Revert();
+    return code;
 }
 
 int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, int* done, bool* leaves) {
@@ -115,8 +116,9 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
         return 1;
     }
     // The data leaves the record.
-    LastError = attribute->Record->MakeNonResident(attribute);
-    if (LastError != ERROR_SUCCESS) return 0;
+    const unsigned int code = attribute->Record->MakeNonResident(attribute);
+    LastError = code;
+    if (code != ERROR_SUCCESS) return 0;
     if (WriteGrownRecord(record) != ERROR_SUCCESS) return 0;
     file->AllocatedSize = static_cast<int64_t>(GetClusterSize()) * (file->Compressed ? kCompressionUnitClusters : 1);
     file->Resident = 0;
@@ -158,8 +160,10 @@ int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done
         unsigned int clusters =
             static_cast<unsigned int>(CeilDiv(end, clusterSize) - CeilDiv(file->AllocatedSize, clusterSize));
         record->LockExclusive();
-        LastError = file->Compressed ? file->ReserveCompressedClusters(&clusters) : file->AllocateClusters(clusters);
-        if (LastError != ERROR_SUCCESS) {
+        const unsigned int code =
+            file->Compressed ? file->ReserveCompressedClusters(&clusters) : file->AllocateClusters(clusters);
+        LastError = code;
+        if (code != ERROR_SUCCESS) {
             record->UnlockExclusive();
             return 0;
         }

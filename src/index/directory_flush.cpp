@@ -61,8 +61,7 @@ unsigned int CDirectory::WriteIndexRecord(CIndexRecord* record) {
 
 unsigned int CDirectory::WriteDirectoryRecord() {
     int64_t changeTime = 0;
-    static_cast<void>(Volume->UpdateFileRecord(FileRecord, nullptr, nullptr, &changeTime));
-    return Volume->GetLastError();
+    return Volume->WriteChangedRecord(FileRecord, nullptr, nullptr, &changeTime);
 }
 
 // Logs the failed write of the directory's file record; returns the code.

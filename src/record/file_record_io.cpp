@@ -32,15 +32,19 @@ unsigned int CNTFSVolume::WriteFileRecord(int64_t* number, void* buffer) {
     const int recordSize = GetFileRecordSize();
     int64_t offset = static_cast<int64_t>(recordSize) * *number;
     uint32_t written = 0;
-    LastError = MftBitmap->Mft->WriteAttribute(AttributeData, nullptr, 0, &offset,
-                                               static_cast<uint32_t>(recordSize), buffer, &written);
-    if (LastError == ERROR_SUCCESS && *number < kMirroredRecords && MftMirror != nullptr) {
+    // The result is this write's own code, also left in LastError, which other
+    // threads share.
+    unsigned int code = MftBitmap->Mft->WriteAttribute(AttributeData, nullptr, 0, &offset,
+                                                       static_cast<uint32_t>(recordSize), buffer, &written);
+    LastError = code;
+    if (code == ERROR_SUCCESS && *number < kMirroredRecords && MftMirror != nullptr) {
         MftMirror->LockExclusive();
-        LastError = MftMirror->WriteAttribute(AttributeData, nullptr, 0, &offset,
-                                              static_cast<uint32_t>(recordSize), buffer, &written);
+        code = MftMirror->WriteAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(recordSize),
+                                         buffer, &written);
         MftMirror->UnlockExclusive();
+        LastError = code;
     }
-    return LastError;
+    return code;
 }
 
 }  // namespace ntfs

@@ -44,10 +44,11 @@ unsigned int CNTFSVolume::ReferenceFileRecord(int64_t number, CFullFileRecord** 
     const int recordSize = GetFileRecordSize();
     void* buffer = std::malloc(static_cast<size_t>(recordSize > 0 ? recordSize : 1));
     if (buffer == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
-    LastError = ReadFileRecord(&number, buffer);
-    if (LastError != ERROR_SUCCESS) {
+    const unsigned int read = ReadFileRecord(&number, buffer);
+    LastError = read;
+    if (read != ERROR_SUCCESS) {
         std::free(buffer);
-        return LastError;
+        return read;
     }
     auto* loaded = new (std::nothrow) CFullFileRecord(number, buffer, this);
     if (loaded == nullptr) {
