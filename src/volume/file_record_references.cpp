@@ -56,8 +56,12 @@ unsigned int CNTFSVolume::ReferenceFileRecord(int64_t number, CFullFileRecord** 
         return ERROR_NOT_ENOUGH_MEMORY;
     }
     if (!loaded->IsValid()) {
+        // A record that could not be built for lack of memory is no damage
+        // of the disk; one that never took the buffer leaves it here.
+        const bool memory = loaded->CFileRecord::MemoryShortfalls != 0;
+        if (loaded->CFileRecord::Image == nullptr) std::free(buffer);
         delete loaded;
-        return ERROR_FILE_CORRUPT;
+        return memory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_FILE_CORRUPT;
     }
     const unsigned int code = loaded->LoadExtensionRecords();
     if (code != ERROR_SUCCESS) {
