@@ -68,7 +68,11 @@ unsigned int CFileHandle::Initialize(const char16_t* path) {
     if (item == nullptr) return ERROR_FILE_NOT_FOUND;
     const uint64_t reference = ReadU48(item->Entry, 0);
     RecordNumber = static_cast<int64_t>(reference << 16) >> 16;
-    (void)Volume->ReferenceFileRecord(RecordNumber, &FileRecord);
+    // Deviation for safety: without a record there is nothing to lock or
+    // read, and going on would use a null record. Its failure, a device code
+    // among them, is the answer as it came.
+    const unsigned int referenced = Volume->ReferenceFileRecord(RecordNumber, &FileRecord);
+    if (referenced != ERROR_SUCCESS) return referenced;
     if (FileRecord == nullptr) return ERROR_FILE_CORRUPT;
     FileRecord->LockShared();
     CAttribute* data = FileRecord->FindAttribute(AttributeData, nullptr, 0, 0);

@@ -38,33 +38,41 @@ int CNTFSVolume::ReadFile(void* handle, void* buffer, int size, int* done) {
         LastError = ERROR_ACCESS_DENIED;
         return 0;
     }
+    // Deviation for safety: a negative count would reach the transfer as a
+    // count of about 4 GiB and fill the caller's buffer far beyond its end;
+    // it is refused before anything moves.
+    if (size < 0) {
+        LastError = ERROR_INVALID_PARAMETER;
+        return 0;
+    }
     if (file->FilePointer >= file->DataSize) {
         file->FilePointer = file->DataSize;
         return 1;
     }
-    int64_t count = size < 0 ? 0 : size;
+    int64_t count = size;
     if (count > file->DataSize - file->FilePointer) count = file->DataSize - file->FilePointer;
     int64_t position = file->FilePointer;
     uint32_t read = 0;
     file->FileRecord->LockShared();
-    LastError = file->FileRecord->ReadAttribute(AttributeData, nullptr, 0, &position,
-                                                static_cast<uint32_t>(count), buffer, &read);
+    const unsigned int code = file->FileRecord->ReadAttribute(AttributeData, nullptr, 0, &position,
+                                                              static_cast<uint32_t>(count), buffer, &read);
     file->FileRecord->UnlockShared();
+    LastError = code;
     file->FilePointer += read;
     GetSystemTime(&file->LastReadTime);
     *done = static_cast<int>(read);
-    return LastError == ERROR_SUCCESS ? 1 : 0;
+    // The result follows this transfer's own code: LastError is shared by
+    // every thread of the volume.
+    return code == ERROR_SUCCESS ? 1 : 0;
 }
 
 // Stamps the change time and writes the file's records after a growth; a
 // failure puts the record image back.
 unsigned int CNTFSVolume::WriteGrownRecord(CFullFileRecord* record) {
     int64_t changed = 0;
-    if (!UpdateFileRecord(record, nullptr, nullptr, &changed)) {
-        record->Revert();
-        return LastError;
-    }
-    return ERROR_SUCCESS;
+    const unsigned int code = WriteChangedRecord(record, nullptr, nullptr, &changed);
+    if (code != ERROR_SUCCESS) record->Revert();
+    return code;
 }
 
 int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, int* done, bool* leaves) {
@@ -108,8 +116,9 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
         return 1;
     }
     // The data leaves the record.
-    LastError = attribute->Record->MakeNonResident(attribute);
-    if (LastError != ERROR_SUCCESS) return 0;
+    const unsigned int code = attribute->Record->MakeNonResident(attribute);
+    LastError = code;
+    if (code != ERROR_SUCCESS) return 0;
     if (WriteGrownRecord(record) != ERROR_SUCCESS) return 0;
     file->AllocatedSize = static_cast<int64_t>(GetClusterSize()) * (file->Compressed ? kCompressionUnitClusters : 1);
     file->Resident = 0;
@@ -128,7 +137,13 @@ int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done
         LastError = ERROR_ACCESS_DENIED;
         return 0;
     }
-    if (size < 0) size = 0;
+    // Deviation for safety: a negative size is no request to shorten the file
+    // (only a write of no bytes is), and taken as a count it would read about
+    // 4 GiB from the caller's buffer. It is refused and nothing changes.
+    if (size < 0) {
+        LastError = ERROR_INVALID_PARAMETER;
+        return 0;
+    }
     if (file->FilePointer > file->DataSize) file->FilePointer = file->DataSize;
     CFullFileRecord* record = file->FileRecord;
     // Only a damaged size puts the pointer this close to the largest size;
@@ -151,8 +166,10 @@ int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done
         unsigned int clusters =
             static_cast<unsigned int>(CeilDiv(end, clusterSize) - CeilDiv(file->AllocatedSize, clusterSize));
         record->LockExclusive();
-        LastError = file->Compressed ? file->ReserveCompressedClusters(&clusters) : file->AllocateClusters(clusters);
-        if (LastError != ERROR_SUCCESS) {
+        const unsigned int code =
+            file->Compressed ? file->ReserveCompressedClusters(&clusters) : file->AllocateClusters(clusters);
+        LastError = code;
+        if (code != ERROR_SUCCESS) {
             record->UnlockExclusive();
             return 0;
         }

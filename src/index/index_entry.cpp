@@ -170,10 +170,14 @@ unsigned int CIndexEntry::LoadRecord(int64_t vcn, CBPlusTreeNode** child) {
         std::free(buffer);
         return ERROR_NOT_ENOUGH_MEMORY;
     }
-    if (!record->IsValid()) {
+    // Deviation for safety: a record whose items could not all be made for
+    // lack of memory would answer searches with entries missing and steer
+    // changes wrongly; it is not kept, and the answer is 8.
+    if (record->MemoryShortfalls != 0 || !record->IsValid()) {
+        const unsigned int code = record->MemoryShortfalls != 0 ? ERROR_NOT_ENOUGH_MEMORY : ERROR_BAD_FORMAT;
         record->Release();
         Child = nullptr;
-        return ERROR_BAD_FORMAT;
+        return code;
     }
     Child = record;
     record->SetParentItem(this);

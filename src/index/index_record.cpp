@@ -65,7 +65,11 @@ CIndexRecord::CIndexRecord(const int64_t* vcn, uint8_t* buffer, CNTFSVolume* vol
         return;
     }
     CleanImage = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(RecordSize)));
-    if (CleanImage == nullptr) return;
+    if (CleanImage == nullptr) {
+        ++MemoryShortfalls;
+        Directory->CountMemoryShortfall();
+        return;
+    }
     // The count must be RecordSize / 512 + 1 and the array inside the record;
     // every stretch's last word must hold the sequence number.
     if (!ApplyUpdateSequence(Image, RecordSize)) {
@@ -133,6 +137,8 @@ int CIndexRecord::ParseEntries() {
         auto* item = new (std::nothrow) CIndexEntry(bytes, this, previous, Directory);
         if (item == nullptr || Items.InsertAfter(GetItemCount(), item) == -2) {
             delete item;
+            ++MemoryShortfalls;
+            Directory->CountMemoryShortfall();
             result = 0;
             break;
         }

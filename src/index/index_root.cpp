@@ -21,7 +21,7 @@
 namespace ntfs {
 
 CIndexRoot::CIndexRoot(uint8_t* value, CDirectory* directory, CFullFileRecord* record)
-    : Modified(0), Value(value), Used(0), Directory(directory), FileRecord(record) {}
+    : Modified(0), Value(value), Used(0), MemoryShortfalls(0), Directory(directory), FileRecord(record) {}
 
 CIndexRoot::~CIndexRoot() {
     for (int i = 0; i < GetItemCount(); ++i) {
@@ -101,6 +101,8 @@ int CIndexRoot::ParseEntries() {
             auto* item = new (std::nothrow) CIndexEntry(bytes, this, previous, Directory);
             if (item == nullptr || Items.InsertAfter(GetItemCount(), item) == -2) {
                 delete item;
+                ++MemoryShortfalls;
+                Directory->CountMemoryShortfall();
                 result = 0;
                 break;
             }

@@ -43,20 +43,24 @@ unsigned int CNTFSVolume::WriteFileRecord(int64_t* number, void* buffer) {
     const int recordSize = GetFileRecordSize();
     int64_t offset = static_cast<int64_t>(recordSize) * *number;
     uint32_t written = 0;
-    LastError = MftBitmap->Mft->WriteAttribute(AttributeData, nullptr, 0, &offset,
-                                               static_cast<uint32_t>(recordSize), buffer, &written);
-    if (LastError == ERROR_SUCCESS && *number < kMirroredRecords && MftMirror != nullptr) {
+    // The result is this write's own code, also left in LastError, which other
+    // threads share.
+    unsigned int code = MftBitmap->Mft->WriteAttribute(AttributeData, nullptr, 0, &offset,
+                                                       static_cast<uint32_t>(recordSize), buffer, &written);
+    LastError = code;
+    if (code == ERROR_SUCCESS && *number < kMirroredRecords && MftMirror != nullptr) {
         // $MFTMirr's own records (a handle on it being closed, or an entry
         // that names its record) are written under its exclusive lock, which
         // is not re-entrant: taking it again would wait for ever. Their writer
         // has the mirror to itself already.
         const bool held = IsMirrorImage(MftMirror, buffer);
         if (!held) MftMirror->LockExclusive();
-        LastError = MftMirror->WriteAttribute(AttributeData, nullptr, 0, &offset,
-                                              static_cast<uint32_t>(recordSize), buffer, &written);
+        code = MftMirror->WriteAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(recordSize),
+                                         buffer, &written);
         if (!held) MftMirror->UnlockExclusive();
+        LastError = code;
     }
-    return LastError;
+    return code;
 }
 
 }  // namespace ntfs

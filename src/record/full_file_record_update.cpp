@@ -59,21 +59,30 @@ void StoreValue64(CAttribute* attribute, int valueOffset, int64_t value) {
 }
 
 unsigned int CNTFSVolume::WriteFullRecord(CFullFileRecord* record) {
-    LastError = record->WriteRecord();
+    unsigned int code = record->WriteRecord();
+    LastError = code;
     CPointerArray& extensions = record->GetExtensionRecords();
-    for (int i = 0; i < extensions.GetCount() && LastError == ERROR_SUCCESS; ++i) {
+    for (int i = 0; i < extensions.GetCount() && code == ERROR_SUCCESS; ++i) {
         CFileRecord* extension = extensions.At<CFileRecord>(i);
-        if (extension->IsModified()) LastError = extension->WriteRecord();
+        if (extension->IsModified()) {
+            code = extension->WriteRecord();
+            LastError = code;
+        }
     }
-    if (LastError == ERROR_SUCCESS) record->ClearModified();
-    return LastError;
+    if (code == ERROR_SUCCESS) record->ClearModified();
+    return code;
+}
+
+unsigned int CNTFSVolume::WriteChangedRecord(CFullFileRecord* record, int64_t* accessTime, int64_t* writeTime,
+                                             int64_t* changeTime) {
+    const int64_t now = NowAsFileTime(this);
+    *changeTime = StampTimes(record, now, accessTime, writeTime);
+    return WriteFullRecord(record);
 }
 
 int CNTFSVolume::UpdateFileRecord(CFullFileRecord* record, int64_t* accessTime, int64_t* writeTime,
                                   int64_t* changeTime) {
-    const int64_t now = NowAsFileTime(this);
-    *changeTime = StampTimes(record, now, accessTime, writeTime);
-    return WriteFullRecord(record) == ERROR_SUCCESS ? 1 : 0;
+    return WriteChangedRecord(record, accessTime, writeTime, changeTime) == ERROR_SUCCESS ? 1 : 0;
 }
 
 }  // namespace ntfs

@@ -196,6 +196,11 @@ protected:
     // Writes the base record and each modified extension record, and clears
     // the modified flags when all went well. Result also in LastError.
     unsigned int WriteFullRecord(CFullFileRecord* record);
+    // UpdateFileRecord with the code as its result (also left in LastError),
+    // for callers that decide by it: LastError is shared by all threads, so
+    // reading it back may give another operation's code.
+    unsigned int WriteChangedRecord(CFullFileRecord* record, int64_t* accessTime, int64_t* writeTime,
+                                    int64_t* changeTime);
     // References a system record for Mount: 1, or 0 with LastError set (a
     // record that fails its checks is an unrecognised volume).
     int ReferenceSystemRecord(int64_t number, CFullFileRecord** record, bool releaseInvalid = true);

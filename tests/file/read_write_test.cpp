@@ -4,10 +4,13 @@
 // independent readers after close and unmount.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "file/file_handle.h"
+#include "foundation/endian.h"
 #include "foundation/log.h"
 #include "support/fixture.h"
 #include "support/mounted_volume.h"
@@ -248,6 +251,92 @@ TEST(FileHandles, TruncateOnOpenAndZeroWriteShorten) {
     EXPECT_EQ(Icat(saved, Find(manifest, "\\data\\exact-cluster.bin")->record).size(), 0u);
     EXPECT_EQ(Icat(saved, Find(manifest, "\\data\\large-random.bin")->record).size(), 1000u);
     EXPECT_EQ(test::RunTool("ntfsfix -n " + test::ShellQuote(saved)).status, 0);
+}
+
+// A negative size asks for nothing: no read, no write, no shortening of a
+// non-resident file (only a write of no bytes shortens), no growth of a
+// resident one.
+TEST(FileHandles, NegativeSizesAreRefusedAndChangeNothing) {
+    MountedVolume mounted("c4k");
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    const std::vector<ManifestEntry> manifest = LoadManifest("c4k");
+    const std::string original = test::FixturePath("c4k");
+    struct Case {
+        const char16_t* path;
+        const char* name;
+    };
+    for (const Case& file : {Case{u"\\data\\large-random.bin", "\\data\\large-random.bin"},
+                             Case{u"\\readme.txt", "\\readme.txt"}}) {
+        SCOPED_TRACE(file.name);
+        void* handle = volume->CreateFileA(file.path, 0, kOpenExisting, kReadWriteShared);
+        ASSERT_NE(handle, nullptr) << volume->GetLastError();
+        unsigned int size = 0;
+        ASSERT_EQ(volume->GetFileSize(handle, &size, nullptr), 1);
+        unsigned int low = 100;
+        ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, 0), ERROR_SUCCESS);
+        std::vector<uint8_t> buffer(64, 0xEE);
+        for (const int negative : {-1, -64, INT32_MIN}) {
+            int done = 7;
+            EXPECT_EQ(volume->WriteFile(handle, buffer.data(), negative, &done), 0);
+            EXPECT_EQ(volume->GetLastError(), ERROR_INVALID_PARAMETER);
+            EXPECT_EQ(done, 0);
+            done = 7;
+            EXPECT_EQ(volume->ReadFile(handle, buffer.data(), negative, &done), 0);
+            EXPECT_EQ(volume->GetLastError(), ERROR_INVALID_PARAMETER);
+            EXPECT_EQ(done, 0);
+        }
+        EXPECT_TRUE(std::all_of(buffer.begin(), buffer.end(), [](uint8_t byte) { return byte == 0xEE; }));
+        unsigned int after = 0;
+        ASSERT_EQ(volume->GetFileSize(handle, &after, nullptr), 1);
+        EXPECT_EQ(after, size);
+        low = 0;
+        ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, 1), ERROR_SUCCESS);
+        EXPECT_EQ(low, 100u);
+        EXPECT_EQ(volume->CloseFileHandle(handle), 1) << volume->GetLastError();
+    }
+    const std::string saved = mounted.UnmountToFile();
+    for (const char* path : {"\\data\\large-random.bin", "\\readme.txt"}) {
+        const ManifestEntry* entry = Find(manifest, path);
+        ASSERT_NE(entry, nullptr);
+        EXPECT_TRUE(Icat(saved, entry->record) == Cat(original, entry->record)) << path;
+    }
+}
+
+// A file record the device cannot read: the open answers the device's own
+// code, not a verdict on the record.
+TEST(FileHandles, AnUnreadableFileRecordAnswersTheDeviceCode) {
+    const std::vector<ManifestEntry> manifest = LoadManifest("c4k");
+    const ManifestEntry* entry = Find(manifest, "\\readme.txt");
+    ASSERT_NE(entry, nullptr);
+    const std::vector<uint8_t> image = test::LoadImage("c4k");
+    const int64_t clusterSectors = image[13];
+    const int64_t sector = ReadI64(image.data(), 48) * clusterSectors + entry->record * 2;
+    {
+        // The record lies where the first run of $MFT puts it: an open reads it there.
+        MountedVolume mounted(image);
+        ASSERT_EQ(mounted.Mount(), 1);
+        mounted.Faults().ClearLogs();
+        void* handle = mounted.Volume()->CreateFileA(u"\\readme.txt", 0, kOpenExisting, kReadShared);
+        ASSERT_NE(handle, nullptr);
+        EXPECT_TRUE(std::any_of(mounted.Faults().ReadLog().begin(), mounted.Faults().ReadLog().end(),
+                                [&](const test::FaultStorage::ReadEntry& read) {
+                                    return read.sector <= sector && sector < read.sector + read.count;
+                                }));
+        EXPECT_EQ(mounted.Volume()->CloseFileHandle(handle), 1);
+    }
+    for (const unsigned int code : {ERROR_IO_DEVICE, ERROR_SECTOR_NOT_FOUND}) {
+        MountedVolume mounted(image);
+        ASSERT_EQ(mounted.Mount(), 1);
+        mounted.Faults().FailReadsOfSector(sector, code);
+        EXPECT_EQ(mounted.Volume()->CreateFileA(u"\\readme.txt", 0, kOpenExisting, kReadShared), nullptr);
+        EXPECT_EQ(mounted.Volume()->GetLastError(), code);
+        // Once the device reads again, so does the file.
+        mounted.Faults().Heal();
+        void* handle = mounted.Volume()->CreateFileA(u"\\readme.txt", 0, kOpenExisting, kReadShared);
+        ASSERT_NE(handle, nullptr) << mounted.Volume()->GetLastError();
+        EXPECT_EQ(mounted.Volume()->CloseFileHandle(handle), 1);
+    }
 }
 
 TEST(FileHandles, TruncatingDataSpreadOverExtensionRecordsIsRefused) {
