@@ -21,8 +21,6 @@ namespace {
 
 // Flags of a non-resident attribute: a compression method in the low byte,
 // 0x8000 for sparse data.
-constexpr uint16_t kCompressionMask = 0x00FF;
-constexpr uint16_t kUnitFlagsMask = 0x80FF;
 // Bounds that valid attributes never reach: the compression unit exponent and
 // the pieces an attribute may be split into.
 constexpr int kMaxCompressionUnitExponent = 8;
@@ -221,7 +219,7 @@ unsigned int CFullFileRecord::ReadAttribute(uint32_t type, const char16_t* name,
     cursor.NameLength = nameLength;
     const uint16_t flags = AttributeFlags(attribute);
     uint32_t unit = static_cast<uint32_t>(ClusterSize);
-    if (flags & kUnitFlagsMask) {
+    if (flags & kAttributeUnitFlagsMask) {
         const int exponent = ReadU8(attribute->Header, kNonResidentCompressionUnitOffset);
         if (exponent > kMaxCompressionUnitExponent) return ERROR_FILE_CORRUPT;
         unit = (1u << exponent) * static_cast<uint32_t>(ClusterSize);
@@ -252,7 +250,7 @@ unsigned int CFullFileRecord::ReadAttribute(uint32_t type, const char16_t* name,
         code = ReadUnitReportingDevice(&cursor, unit, raw, &rawRead, &compressed, &deviceCode);
         const uint8_t* source;
         int64_t length;
-        if ((flags & kCompressionMask) != 0 && compressed) {
+        if ((flags & kAttributeCompressionMask) != 0 && compressed) {
             int32_t finalSize = 0;
             DecompressBuffer(expanded, unit, raw, static_cast<int32_t>(rawRead), &finalSize);
             length = finalSize < 0 ? 0 : finalSize;

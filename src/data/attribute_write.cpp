@@ -18,8 +18,6 @@
 namespace ntfs {
 
 namespace {
-constexpr uint16_t kCompressionMask = 0x00FF;
-constexpr uint16_t kSparseFlag = 0x8000;
 }  // namespace
 
 unsigned int CFullFileRecord::WriteAttribute(uint32_t type, const char16_t* name, uint32_t nameLength,
@@ -41,7 +39,7 @@ unsigned int CFullFileRecord::WriteAttribute(uint32_t type, const char16_t* name
         return ERROR_SUCCESS;
     }
     const uint16_t flags = ReadU16(attribute->Header, kAttributeFlagsOffset);
-    if ((flags & kCompressionMask) != 0 || flags >= kSparseFlag) {
+    if ((flags & kAttributeCompressionMask) != 0 || flags >= kAttributeSparse) {
         // Rewriting compression units and filling holes is not built yet.
         return ERROR_NOT_SUPPORTED;
     }

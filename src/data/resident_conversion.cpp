@@ -22,15 +22,19 @@ namespace ntfs {
 
 namespace {
 
-constexpr uint16_t kCompressionMask = 0x00FF;
-// The compressed or sparse form starts as one sparse unit of 16 clusters.
-constexpr int kStartUnitExponent = 4;
-constexpr int kStartUnitClusters = 1 << kStartUnitExponent;
-
 struct ClusterRun {
     int64_t lcn;
     int count;
 };
+
+// Puts the image of `original` back over `attribute`, its converted form in
+// the same record: the size first, then the bytes.
+void PutBack(CAttribute* attribute, const CAttribute& original) {
+    CAttribute* resized = nullptr;
+    if (attribute->SetSize(original.Size, &resized) != ERROR_SUCCESS) return;
+    std::memcpy(attribute->Header, original.Header, static_cast<size_t>(original.Size));
+    attribute->Mark();
+}
 
 void FreeRuns(CNTFSVolume* volume, const ClusterRun* runs, int count) {
     for (int i = count - 1; i >= 0; --i) {
@@ -55,15 +59,22 @@ unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
     const int valueLength = static_cast<int>(attribute->GetDataSize());
     const uint32_t type = attribute->GetType();
 
-    if ((flags & 0x8000) != 0 || (flags & kCompressionMask) != 0) {
+    if ((flags & kAttributeUnitFlagsMask) != 0) {
         // Compressed or sparse: one sparse unit, then the value is written
         // through the compressing write path, which allocates what it needs.
         std::unique_ptr<uint8_t[]> saved(new (std::nothrow) uint8_t[valueLength > 0 ? valueLength : 1]);
         if (saved == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+        // When that write fails, the value would be left converted and empty,
+        // and the next write of the record would lose the file's data: the
+        // attribute as it was is put back instead.
+        std::unique_ptr<CAttribute> original(attribute->Clone());
+        if (original == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
         std::memcpy(saved.get(), attribute->GetValue(), static_cast<size_t>(valueLength));
         char16_t name[kMaxAttributeNameLength];
         for (int i = 0; i < nameLength; ++i) name[i] = attribute->GetNameUnit(i);
-        const int size = (nameLength * 2 + 0x52) & ~7;
+        const uint8_t sparseUnit[3] = {0x01, kDefaultCompressionUnitClusters, 0x00};
+        const int runOffset = kCompressedNonResidentHeaderSize + nameLength * 2;
+        const int size = (runOffset + static_cast<int>(sizeof(sparseUnit)) + 7) & ~7;
         CAttribute* resized = nullptr;
         unsigned int code = attribute->SetSize(size, &resized);
         if (code != ERROR_SUCCESS) return code;
@@ -74,24 +85,33 @@ unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
         WriteU32(header, kAttributeLengthOffset, static_cast<uint32_t>(size));
         WriteU8(header, kAttributeNonResidentOffset, 1);
         WriteU8(header, kAttributeNameLengthOffset, static_cast<uint8_t>(nameLength));
-        WriteU16(header, kAttributeNameOffsetOffset, nameLength > 0 ? 0x48 : 0);
+        WriteU16(header, kAttributeNameOffsetOffset, nameLength > 0 ? kCompressedNonResidentHeaderSize : 0);
         WriteU16(header, kAttributeFlagsOffset, flags);
         WriteU64(header, kNonResidentLowestVcnOffset, 0);
-        WriteU64(header, kNonResidentHighestVcnOffset, kStartUnitClusters - 1);
-        const int runOffset = (nameLength + 0x24) * 2;
+        WriteU64(header, kNonResidentHighestVcnOffset, kDefaultCompressionUnitClusters - 1);
         WriteU16(header, kNonResidentRunListOffsetOffset, static_cast<uint16_t>(runOffset));
-        WriteU8(header, kNonResidentCompressionUnitOffset, kStartUnitExponent);
-        WriteU64(header, kNonResidentAllocatedSizeOffset, static_cast<uint64_t>(clusterSize) << kStartUnitExponent);
-        for (int i = 0; i < nameLength; ++i) WriteU16(header, 0x48 + 2 * i, name[i]);
-        const uint8_t sparseUnit[3] = {0x01, kStartUnitClusters, 0x00};
+        WriteU8(header, kNonResidentCompressionUnitOffset, kDefaultCompressionUnitExponent);
+        WriteU64(header, kNonResidentAllocatedSizeOffset,
+                 static_cast<uint64_t>(clusterSize) << kDefaultCompressionUnitExponent);
+        for (int i = 0; i < nameLength; ++i) {
+            WriteU16(header, kCompressedNonResidentHeaderSize + 2 * i, name[i]);
+        }
         std::memcpy(header + runOffset, sparseUnit, sizeof(sparseUnit));
         attribute->Mark();
-        if (Owner == nullptr) return ERROR_INTERNAL_ERROR;
+        if (Owner == nullptr) {
+            PutBack(attribute, *original);
+            return ERROR_INTERNAL_ERROR;
+        }
         int64_t offset = 0;
         uint32_t written = 0;
         code = Owner->WriteAttribute(type, nameLength > 0 ? name : nullptr, static_cast<uint32_t>(nameLength),
                                      &offset, static_cast<uint32_t>(valueLength), saved.get(), &written);
-        if (code != ERROR_SUCCESS) return code;
+        if (code != ERROR_SUCCESS) {
+            CAttribute* converted = Owner->FindAttribute(type, nameLength > 0 ? name : nullptr,
+                                                         static_cast<unsigned int>(nameLength), 0);
+            if (converted != nullptr) PutBack(converted, *original);
+            return code;
+        }
         CAttribute* again = Owner->FindAttribute(type, nameLength > 0 ? name : nullptr,
                                                  static_cast<unsigned int>(nameLength), 0);
         if (again != nullptr) {

@@ -17,7 +17,6 @@
 namespace ntfs {
 
 namespace {
-constexpr uint16_t kUnitFlagsMask = 0x80FF;
 constexpr int kMaxShortRetries = 64;
 // Bounds valid compressed data stays far below: the compression unit exponent
 // (4 on every volume) and an allocated size that leaves room for rounding up
@@ -81,7 +80,7 @@ unsigned int CFileHandle::Initialize(const char16_t* path) {
         FileRecord->UnlockShared();
         return ERROR_FILE_CORRUPT;
     }
-    Compressed = (ReadU16(data->Header, kAttributeFlagsOffset) & kUnitFlagsMask) != 0 ? 1 : 0;
+    Compressed = (ReadU16(data->Header, kAttributeFlagsOffset) & kAttributeUnitFlagsMask) != 0 ? 1 : 0;
     DataSize = data->GetDataSize();
     Resident = data->IsResident() ? 1 : 0;
     if (Resident) {

@@ -18,7 +18,6 @@ namespace ntfs {
 
 namespace {
 
-constexpr int kCompressionUnitClusters = 16;
 // The largest size a file may reach: rounded up to clusters or to a whole
 // compression unit of any cluster size it still has a 64-bit byte count.
 constexpr int64_t kLargestFileSize = INT64_MAX - 0xFFFFFFFF;
@@ -27,24 +26,31 @@ int64_t CeilDiv(int64_t value, int64_t by) { return (value + by - 1) / by; }
 
 }  // namespace
 
-int CNTFSVolume::ReadFile(void* handle, void* buffer, int size, int* done) {
-    *done = 0;
+CFileHandle* CNTFSVolume::TransferHandle(void* handle, unsigned int access, int size) {
     CFileHandle* file = LookUpFileHandle(handle);
     if (file == nullptr) {
         LastError = ERROR_INVALID_HANDLE;
-        return 0;
+        return nullptr;
     }
-    if ((file->AccessMode & kAccessRead) == 0) {
+    if ((file->AccessMode & access) == 0) {
         LastError = ERROR_ACCESS_DENIED;
-        return 0;
+        return nullptr;
     }
-    // Deviation for safety: a negative count would reach the transfer as a
-    // count of about 4 GiB and fill the caller's buffer far beyond its end;
-    // it is refused before anything moves.
+    // Deviation for safety: a negative size is no request to shorten a file
+    // (only a write of no bytes is), and taken as a count it would move about
+    // 4 GiB from or into the caller's buffer. It is refused before anything
+    // moves.
     if (size < 0) {
         LastError = ERROR_INVALID_PARAMETER;
-        return 0;
+        return nullptr;
     }
+    return file;
+}
+
+int CNTFSVolume::ReadFile(void* handle, void* buffer, int size, int* done) {
+    *done = 0;
+    CFileHandle* file = TransferHandle(handle, kAccessRead, size);
+    if (file == nullptr) return 0;
     if (file->FilePointer >= file->DataSize) {
         file->FilePointer = file->DataSize;
         return 1;
@@ -120,7 +126,7 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
     LastError = code;
     if (code != ERROR_SUCCESS) return 0;
     if (WriteGrownRecord(record) != ERROR_SUCCESS) return 0;
-    file->AllocatedSize = static_cast<int64_t>(GetClusterSize()) * (file->Compressed ? kCompressionUnitClusters : 1);
+    file->AllocatedSize = static_cast<int64_t>(GetClusterSize()) * (file->Compressed ? kDefaultCompressionUnitClusters : 1);
     file->Resident = 0;
     *leaves = true;
     return 1;
@@ -128,22 +134,8 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
 
 int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done) {
     *done = 0;
-    CFileHandle* file = LookUpFileHandle(handle);
-    if (file == nullptr) {
-        LastError = ERROR_INVALID_HANDLE;
-        return 0;
-    }
-    if ((file->AccessMode & kAccessWrite) == 0) {
-        LastError = ERROR_ACCESS_DENIED;
-        return 0;
-    }
-    // Deviation for safety: a negative size is no request to shorten the file
-    // (only a write of no bytes is), and taken as a count it would read about
-    // 4 GiB from the caller's buffer. It is refused and nothing changes.
-    if (size < 0) {
-        LastError = ERROR_INVALID_PARAMETER;
-        return 0;
-    }
+    CFileHandle* file = TransferHandle(handle, kAccessWrite, size);
+    if (file == nullptr) return 0;
     if (file->FilePointer > file->DataSize) file->FilePointer = file->DataSize;
     CFullFileRecord* record = file->FileRecord;
     // Only a damaged size puts the pointer this close to the largest size;

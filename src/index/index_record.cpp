@@ -135,8 +135,7 @@ int CIndexRecord::ParseEntries() {
         }
         uint8_t* bytes = Image + offset;
         auto* item = new (std::nothrow) CIndexEntry(bytes, this, previous, Directory);
-        if (item == nullptr || Items.InsertAfter(GetItemCount(), item) == -2) {
-            delete item;
+        if (!AppendItem(item)) {
             ++MemoryShortfalls;
             Directory->CountMemoryShortfall();
             result = 0;
@@ -162,17 +161,9 @@ int CIndexRecord::ParseEntries() {
     return result;
 }
 
-int CIndexRecord::MarkModified() {
-    const int old = Modified;
-    Modified = 1;
-    return old;
-}
+int CIndexRecord::MarkModified() { return ExchangeFlag(&Modified, 1); }
 
-int CIndexRecord::ClearModified() {
-    const int old = Modified;
-    Modified = 0;
-    return old;
-}
+int CIndexRecord::ClearModified() { return ExchangeFlag(&Modified, 0); }
 
 unsigned int CIndexRecord::FindInsertPosition(CBPlusTreeItem* item, CBPlusTreeNode** node, int* index) {
     return FindEntryInsertPosition(this, static_cast<CIndexEntry*>(item), node, index);

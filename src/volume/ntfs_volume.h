@@ -230,6 +230,10 @@ protected:
     unsigned int FreeAttributeClusters(CAttribute* attribute);
     // The open file handle with this value, or null.
     CFileHandle* LookUpFileHandle(void* handle);
+    // The handle of a ReadFile or WriteFile after the checks both share: a
+    // known handle (else 6), the `access` bit (else 5), a size that is not
+    // negative (else 87). Null with LastError set when one fails.
+    CFileHandle* TransferHandle(void* handle, unsigned int access, int size);
     // The open handle of `name` (folded path, compared ignoring case),
     // skipping `index` matches; no reference is added.
     CFileHandle* GetFileHandleByFileName(const char16_t* name, int index);

@@ -123,7 +123,6 @@ private:
     bool mounted_ = false;
 };
 
-constexpr unsigned int kOpenExisting = 3;
 constexpr unsigned int kReadWriteShared = kAccessRead | kAccessWrite | kAccessShareMask;
 constexpr int64_t kEmptyDirectoryRecord = 66;  // EmptyDir of "c4k"
 // Far more allocations than any of these operations makes.
@@ -182,7 +181,7 @@ unsigned int OpenWriteClose(CNTFSVolume* volume, const char16_t* path, const std
     if (handle == nullptr) return volume->GetLastError();
     unsigned int code = ERROR_SUCCESS;
     unsigned int low = 0;
-    code = volume->SetFilePointer(handle, &low, nullptr, 2);
+    code = volume->SetFilePointer(handle, &low, nullptr, kFileEnd);
     int done = 0;
     if (code == ERROR_SUCCESS && !volume->WriteFile(handle, data.data(), bytes, &done)) code = volume->GetLastError();
     if (code == ERROR_SUCCESS && done != bytes) code = ERROR_INTERNAL_ERROR;

@@ -33,11 +33,8 @@ namespace {
 using test::MountedVolume;
 using Image = std::vector<uint8_t>;
 
-constexpr unsigned int kOpenExisting = 3;
-constexpr unsigned int kTruncateExisting = 5;
 constexpr unsigned int kReadShared = kAccessRead | kAccessShareMask;
 constexpr unsigned int kReadWriteShared = kAccessRead | kAccessWrite | kAccessShareMask;
-constexpr unsigned int kFileEnd = 2;
 
 // Records of "c4k" used below (see its manifest).
 constexpr int64_t kReadme = 64;          // \readme.txt, 180 resident bytes
@@ -325,7 +322,7 @@ TEST(DamagedRunList, LcnBeyondSixtyFourBitSectorsIsCorrupt) {
     ASSERT_NE(handle, nullptr);
     unsigned int low = 4 * 65536;
     int high = 0;
-    ASSERT_EQ(volume->SetFilePointer(handle, &low, &high, 0), ERROR_SUCCESS);
+    ASSERT_EQ(volume->SetFilePointer(handle, &low, &high, kFileBegin), ERROR_SUCCESS);
     std::vector<uint8_t> buffer(512, 0x11);
     int done = -1;
     EXPECT_EQ(volume->ReadFile(handle, buffer.data(), 512, &done), 0);

@@ -19,7 +19,6 @@ namespace {
 
 using test::MountedVolume;
 
-constexpr unsigned int kOpenExisting = 3;
 constexpr unsigned int kReadWriteShared = kAccessRead | kAccessWrite | kAccessShareMask;
 constexpr int kRounds = 16;
 constexpr int kAppendsPerRound = 6;
@@ -71,7 +70,7 @@ TEST(FileThreads, ResultsAreTheirOwnWhileAnotherThreadFails) {
         void* grower = volume->CreateFileA(u"\\data\\exact-cluster.bin", 0, kOpenExisting, kReadWriteShared);
         ASSERT_NE(grower, nullptr);
         unsigned int low = 0;
-        ASSERT_EQ(volume->SetFilePointer(grower, &low, nullptr, 2), ERROR_SUCCESS);
+        ASSERT_EQ(volume->SetFilePointer(grower, &low, nullptr, kFileEnd), ERROR_SUCCESS);
 
         FailingNeighbour neighbour(volume);
         for (void* handle : handles) {
