@@ -24,6 +24,8 @@ void RedirectLibraryLog(bool verbose) {
         close(saved);
         return;
     }
+    // Listings are many short lines: a large buffer, written in few calls.
+    std::setvbuf(out, nullptr, _IOFBF, 1 << 16);
     g_out = out;
     if (verbose) {
         dup2(STDERR_FILENO, STDOUT_FILENO);
@@ -72,12 +74,16 @@ int FailText(const std::string& message) {
 unsigned int MountedImage::Open(const std::string& path, bool writable) {
     path_ = path;
     writable_ = writable;
-    const unsigned int opened = storage_.Open(path, !writable);
-    if (opened != ERROR_SUCCESS) {
-        Fail(storage_.LastErrorText().empty() ? path : storage_.LastErrorText(), opened);
-        return opened;
+    CStorage* storage = &mapped_;
+    if (writable || mapped_.Open(path) != ERROR_SUCCESS) {
+        storage = &storage_;
+        const unsigned int opened = storage_.Open(path, !writable);
+        if (opened != ERROR_SUCCESS) {
+            Fail(storage_.LastErrorText().empty() ? path : storage_.LastErrorText(), opened);
+            return opened;
+        }
     }
-    volume_.reset(new CNTFSVolume(&storage_));
+    volume_.reset(new CNTFSVolume(storage));
     if (!volume_->Mount()) {
         const unsigned int code = volume_->GetLastError();
         Fail(path, code);

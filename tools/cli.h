@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "file_storage.h"
+#include "mapped_storage.h"
 #include "ntfskit.h"
 
 namespace ntfs::cli {
@@ -47,7 +48,9 @@ public:
     unsigned int Close();
 
 private:
+    // Read-only work goes through a map of the image when it can be mapped.
     FileStorage storage_;
+    MappedStorage mapped_;
     std::unique_ptr<CNTFSVolume> volume_;
     std::string path_;
     bool mounted_ = false;

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -48,7 +49,7 @@ std::u16string Join(const std::u16string& directory, const std::u16string& name)
 // directory.
 unsigned int Stat(CNTFSVolume* volume, const std::u16string& path, Entry* entry) {
     if (path == u"\\") {
-        entry->name = u"\\";
+        entry->name.assign(1, u'\\');
         entry->directory = true;
         entry->record = 5;
         return ERROR_SUCCESS;
@@ -61,7 +62,9 @@ unsigned int Stat(CNTFSVolume* volume, const std::u16string& path, Entry* entry)
     return ERROR_SUCCESS;
 }
 
-unsigned int ListDirectory(CNTFSVolume* volume, const std::u16string& directory, std::vector<Entry>* entries) {
+// Hands every entry of `directory` to `visit` in the order of the index.
+template <typename Visit>
+unsigned int VisitDirectory(CNTFSVolume* volume, const std::u16string& directory, Visit visit) {
     _FIND_FILE_DATA data{};
     void* find = volume->FindFirstFileA(Join(directory, u"*").c_str(), &data);
     if (find == nullptr) {
@@ -69,11 +72,15 @@ unsigned int ListDirectory(CNTFSVolume* volume, const std::u16string& directory,
         return code == ERROR_FILE_NOT_FOUND ? ERROR_SUCCESS : code;  // an empty directory
     }
     do {
-        entries->push_back(FromFindData(data));
+        visit(FromFindData(data));
     } while (volume->FindNextFileA(find, &data));
     const unsigned int code = volume->GetLastError();
     volume->CloseFindHandle(find);
     return code == ERROR_FILE_NOT_FOUND ? ERROR_SUCCESS : code;
+}
+
+unsigned int ListDirectory(CNTFSVolume* volume, const std::u16string& directory, std::vector<Entry>* entries) {
+    return VisitDirectory(volume, directory, [entries](Entry&& entry) { entries->push_back(std::move(entry)); });
 }
 
 std::string FormatTime(CNTFSVolume* volume, uint64_t fileTime) {
@@ -97,19 +104,24 @@ void PrintEntry(CNTFSVolume* volume, const Entry& entry, bool longFormat) {
     }
 }
 
+// Entries are printed as they are found; only the names of subdirectories
+// are kept, for -R. A failure of the enumeration is reported before
+// anything is printed only when it comes at the first entry.
 int ListTree(CNTFSVolume* volume, const std::u16string& directory, const Options& options, bool header) {
-    std::vector<Entry> entries;
-    const unsigned int code = ListDirectory(volume, directory, &entries);
+    std::vector<std::u16string> subdirectories;
+    bool headed = false;
+    const unsigned int code = VisitDirectory(volume, directory, [&](Entry&& entry) {
+        if (header && !headed) std::fprintf(Out(), "%s:\n", Utf8(directory).c_str());
+        headed = true;
+        PrintEntry(volume, entry, options.longFormat);
+        if (options.recursive && entry.directory) subdirectories.push_back(std::move(entry.name));
+    });
     if (code != ERROR_SUCCESS) return Fail(Utf8(directory), code);
-    if (header) std::fprintf(Out(), "%s:\n", Utf8(directory).c_str());
-    for (const Entry& entry : entries) PrintEntry(volume, entry, options.longFormat);
+    if (header && !headed) std::fprintf(Out(), "%s:\n", Utf8(directory).c_str());
     int status = 0;
-    if (options.recursive) {
-        for (const Entry& entry : entries) {
-            if (!entry.directory) continue;
-            std::fputc('\n', Out());
-            status |= ListTree(volume, Join(directory, entry.name), options, true);
-        }
+    for (const std::u16string& name : subdirectories) {
+        std::fputc('\n', Out());
+        status |= ListTree(volume, Join(directory, name), options, true);
     }
     return status;
 }
@@ -135,6 +147,13 @@ private:
     bool shown_;
 };
 
+// One copy buffer for the whole command, not cleared: every byte written out
+// of it was read into it first.
+char* CopyBuffer() {
+    static const std::unique_ptr<char[]> buffer(new char[kChunk]);
+    return buffer.get();
+}
+
 int CopyOut(CNTFSVolume* volume, const std::u16string& path, std::FILE* sink, const std::string& sinkName) {
     void* file = volume->CreateFileA(path.c_str(), 0, kOpenExisting, kAccessRead | kAccessShareMask);
     if (file == nullptr) return Fail(Utf8(path), volume->GetLastError());
@@ -143,17 +162,17 @@ int CopyOut(CNTFSVolume* volume, const std::u16string& path, std::FILE* sink, co
     volume->GetFileSize(file, &sizeLow, &sizeHigh);
     const uint64_t total = (static_cast<uint64_t>(sizeHigh) << 32) | sizeLow;
     Progress progress(Utf8(path), total);
-    std::vector<char> buffer(kChunk);
+    char* buffer = CopyBuffer();
     uint64_t copied = 0;
     int status = 0;
     for (;;) {
         int done = 0;
-        if (!volume->ReadFile(file, buffer.data(), kChunk, &done)) {
+        if (!volume->ReadFile(file, buffer, kChunk, &done)) {
             status = Fail(Utf8(path), volume->GetLastError());
             break;
         }
         if (done == 0) break;
-        if (std::fwrite(buffer.data(), 1, static_cast<size_t>(done), sink) != static_cast<size_t>(done)) {
+        if (std::fwrite(buffer, 1, static_cast<size_t>(done), sink) != static_cast<size_t>(done)) {
             status = FailText(sinkName + ": " + std::strerror(errno));
             break;
         }

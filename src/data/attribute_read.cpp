@@ -226,8 +226,10 @@ unsigned int CFullFileRecord::ReadAttribute(uint32_t type, const char16_t* name,
     }
     if (unit == 0 || *offset < 0) return ERROR_FILE_CORRUPT;
     auto* raw = static_cast<uint8_t*>(std::calloc(unit, 1));
-    auto* expanded = static_cast<uint8_t*>(std::calloc(unit, 1));
-    if (raw == nullptr || expanded == nullptr) {
+    // The unit after expansion is looked at only for compressed data.
+    const bool mayExpand = (flags & kAttributeCompressionMask) != 0;
+    auto* expanded = mayExpand ? static_cast<uint8_t*>(std::calloc(unit, 1)) : nullptr;
+    if (raw == nullptr || (mayExpand && expanded == nullptr)) {
         std::free(raw);
         std::free(expanded);
         return ERROR_NOT_ENOUGH_MEMORY;

@@ -101,6 +101,25 @@ unsigned int CBitmapData::IsItemInUse(int64_t item, bool* inUse) {
     return ERROR_SUCCESS;
 }
 
+unsigned int CBitmapData::CountFreeItems(int64_t* free) {
+    *free = 0;
+    for (int64_t item = 0; item < ItemCount;) {
+        int64_t at = item;
+        const unsigned int code = LoadUnit(&at);
+        if (code != ERROR_SUCCESS) return code;
+        // The items of this unit, and those of them its valid bytes hold.
+        const int64_t unitEnd = UnitSize > 0 ? (UnitBase + UnitSize) * 8 : ItemCount;
+        const int64_t end = unitEnd < ItemCount ? unitEnd : ItemCount;
+        const int64_t validEnd = (UnitBase + ValidBytes) * 8;
+        const int64_t stop = validEnd < end ? validEnd : end;
+        for (; item < stop && item % 8 != 0; ++item) *free += ((Buffer[item / 8 - UnitBase] >> (item % 8)) & 1) ^ 1;
+        for (; item + 8 <= stop; item += 8) *free += FreeBitsInByte(Buffer[item / 8 - UnitBase]);
+        for (; item < stop; ++item) *free += ((Buffer[item / 8 - UnitBase] >> (item % 8)) & 1) ^ 1;
+        if (item < end) return ERROR_INVALID_PARAMETER;
+    }
+    return ERROR_SUCCESS;
+}
+
 bool CBitmapData::IsExcluded(int64_t item, int64_t* last) const {
     for (const _BITMAP_EXCLUSION* range = ExcludedRanges; range != nullptr; range = range->Next) {
         if (item >= range->First && item <= range->Last) {

@@ -71,6 +71,10 @@ public:
 
     // Whether the item's bit is set, loading its unit; for tests and tools.
     [[nodiscard]] unsigned int IsItemInUse(int64_t item, bool* inUse);
+    // The clear bits of all items, one unit load per unit and bytes counted
+    // whole. Answers as IsItemInUse asked for every item in turn would: the
+    // count up to the first item that cannot be read, and that item's code.
+    [[nodiscard]] unsigned int CountFreeItems(int64_t* free);
 
     int64_t GetItemCount() const { return ItemCount; }
     CFullFileRecord* GetOwner() const { return Owner; }

@@ -50,7 +50,8 @@ CFindHandle::CFindHandle(CDirectory* directory, CNTFSVolume* volume)
       Segments(nullptr),
       SegmentCount(0),
       SegmentCapacity(0),
-      RootNode(nullptr) {
+      RootNode(nullptr),
+      SeenIndexWhole(1) {
     std::memset(CurrentEntry, 0, sizeof(CurrentEntry));
     ChangeLink.Reserved = this;
     Directory->OpenFindHandles.AddElement(&ChangeLink);
@@ -274,10 +275,23 @@ unsigned int CFindHandle::NextEntry(const uint8_t** entry, _INDEX_SEARCH_KEY* ke
             compare = EntryReferencedRecord(bytes);
             standsOnUndelivered = false;
         }
-        if (SeenRecords.GetCount() == 0 || SeenRecords.IndexOf(static_cast<intptr_t>(compare)) < 0) {
+        if (SeenRecords.GetCount() == 0 || !WasDelivered(compare)) {
             return ERROR_SUCCESS;
         }
     }
+}
+
+bool CFindHandle::WasDelivered(int64_t record) {
+    if (SeenIndexWhole) {
+        intptr_t ignored = 0;
+        return SeenIndex.Find(record, &ignored) != 0;
+    }
+    return SeenRecords.IndexOf(static_cast<intptr_t>(record)) >= 0;
+}
+
+void CFindHandle::RememberDelivered(int64_t record) {
+    if (SeenRecords.InsertAfter(SeenRecords.GetCount(), static_cast<intptr_t>(record)) == -2) return;
+    if (SeenIndexWhole && SeenIndex.Insert(record, 1) == -2) SeenIndexWhole = 0;
 }
 
 unsigned int CFindHandle::Revalidate() {
@@ -305,7 +319,7 @@ unsigned int CFindHandle::Revalidate() {
 void CFindHandle::FillFindData(const uint64_t* parentReference, CFullFileRecord* record,
                                _FIND_FILE_DATA* data, const uint8_t* entry) {
     if ((ReadU16(entry, kEntryFlagsOffset) & kEntryIsLast) == 0) {
-        SeenRecords.InsertAfter(SeenRecords.GetCount(), static_cast<intptr_t>(EntryReferencedRecord(entry)));
+        RememberDelivered(EntryReferencedRecord(entry));
     }
     KeepEntry(entry);
     std::memset(data->AlternateFileName, 0, sizeof(data->AlternateFileName));

@@ -17,9 +17,11 @@
 // its own.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "foundation/chain_element.h"
+#include "foundation/number_index.h"
 #include "foundation/pointer_array.h"
 #include "foundation/share_element.h"
 #include "index/bplus_tree.h"
@@ -114,8 +116,19 @@ private:
     int SegmentCapacity;
     CBPlusTreeNode* RootNode;
     CChainElement ChangeLink;
+    // Whether `record` was delivered already: the hash index while it holds
+    // every number of SeenRecords, else a search of the array.
+    bool WasDelivered(int64_t record);
+    // Appends `record` to SeenRecords and, when that worked, to SeenIndex.
+    void RememberDelivered(int64_t record);
+
     uint8_t CurrentEntry[kCurrentEntrySize];
     CPointerArray SeenRecords;
+    // The numbers of SeenRecords by value, for the question asked at every
+    // step; it answers exactly as the array would. SeenIndexWhole falls to 0
+    // for good when the index could not take a number the array took.
+    CNumberIndex SeenIndex;
+    std::atomic<int> SeenIndexWhole;
 };
 
 }  // namespace ntfs

@@ -1,11 +1,12 @@
 #include "foundation/pointer_array.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
 namespace ntfs {
 
-CPointerArray::CPointerArray() : Elements(nullptr), Count(0), Capacity(0) {
+CPointerArray::CPointerArray() : Elements(nullptr), Count(0), Capacity(0), BlockCapacity(0) {
     InitializeCriticalSection(&Lock);
 }
 
@@ -32,23 +33,32 @@ int CPointerArray::InsertAfter(int index, intptr_t value) {
         }
         ++Count;
     } else {
-        auto* block = static_cast<intptr_t*>(
-            std::malloc(sizeof(intptr_t) * static_cast<size_t>(Capacity + 1)));
-        if (block == nullptr) {
-            LeaveCriticalSection(&Lock);
-            return -2;
-        }
-        // Growth copies around the new slot: elements up to `index` stay, the
-        // rest move up one place.
+        // A growth: the new slot opens behind `index`, the elements up to it
+        // stay and the rest move up one place.
         const int head = index + 1;
-        if (head > 0) std::memcpy(block, Elements, sizeof(intptr_t) * static_cast<size_t>(head));
-        if (Count > head) {
-            std::memcpy(&block[head + 1], &Elements[head],
-                        sizeof(intptr_t) * static_cast<size_t>(Count - head));
+        if (Capacity >= BlockCapacity) {
+            // The block is full: a larger one, the elements copied around the slot.
+            int32_t room = BlockCapacity < 4 ? 4 : (BlockCapacity > (INT32_MAX / 2) ? INT32_MAX : BlockCapacity * 2);
+            auto* block = static_cast<intptr_t*>(std::malloc(sizeof(intptr_t) * static_cast<size_t>(room)));
+            if (block == nullptr) {
+                room = Capacity + 1;
+                block = static_cast<intptr_t*>(std::malloc(sizeof(intptr_t) * static_cast<size_t>(room)));
+            }
+            if (block == nullptr) {
+                LeaveCriticalSection(&Lock);
+                return -2;
+            }
+            if (head > 0) std::memcpy(block, Elements, sizeof(intptr_t) * static_cast<size_t>(head));
+            if (Count > head) {
+                std::memcpy(&block[head + 1], &Elements[head], sizeof(intptr_t) * static_cast<size_t>(Count - head));
+            }
+            std::free(Elements);
+            Elements = block;
+            BlockCapacity = room;
+        } else if (Count > head) {
+            std::memmove(&Elements[head + 1], &Elements[head], sizeof(intptr_t) * static_cast<size_t>(Count - head));
         }
-        block[head] = value;
-        std::free(Elements);
-        Elements = block;
+        Elements[head] = value;
         ++Capacity;
         result = Count == 0 ? -1 : head;
         ++Count;

@@ -7,8 +7,12 @@
 // array's critical section for their own length; Clear takes no lock and is
 // for the owner alone when nothing else reaches the array.
 //
-// Growth is by exactly one element at a time, so filling is quadratic; the
-// lists are short (one record's attributes, one node's entries).
+// Capacity, as the operations see it, grows by exactly one element at a time,
+// and its results (the front insertion with spare capacity, the -1 of a first
+// growth) follow from it. The block beneath keeps room to spare (it doubles),
+// so a growth is a move of the elements behind the new slot, not a new block
+// and a copy of all: filling a long list (an enumeration's delivered records)
+// stays linear in copies.
 #pragma once
 
 #include <cstdint>
@@ -42,7 +46,7 @@ public:
     int IndexOf(intptr_t value);
     int IndexOf(const void* value) { return IndexOf(reinterpret_cast<intptr_t>(value)); }
     // Count and capacity to zero by a plain store; the block stays and the next
-    // growth frees it.
+    // growth reuses it.
     void Clear() {
         Count = 0;
         Capacity = 0;
@@ -71,6 +75,7 @@ private:
     int32_t Count;
     int32_t Capacity;
     CRITICAL_SECTION Lock;
+    int32_t BlockCapacity;  // elements the block holds; at least Capacity
 };
 
 }  // namespace ntfs

@@ -60,7 +60,9 @@ CDirectory::CDirectory(CFullFileRecord* record, CNTFSVolume* volume)
       Root(nullptr),
       GrowFailed(0),
       RecordsAdded(0),
-      IndexMemoryShortfalls(0) {
+      IndexMemoryShortfalls(0),
+      OpenRecordIndexWhole(1) {
+    InitializeCriticalSection(&OpenRecordIndexLock);
     // Nothing is put on the file record's chain of directories; the link
     // only names its owner.
     DirectoryLink.Reserved = this;
@@ -80,6 +82,7 @@ CDirectory::~CDirectory() {
     FileRecord = nullptr;
     delete PseudoItem;
     PseudoItem = nullptr;
+    DeleteCriticalSection(&OpenRecordIndexLock);
 }
 
 int CDirectory::LockShared() {
@@ -200,9 +203,72 @@ int CDirectory::IndexRecordSearchRoutine(CChainElement* element, void* parameter
     return record->IsValid() && record->GetVcn() == *static_cast<int64_t*>(parameter);
 }
 
-CIndexRecord* CDirectory::FindOpenRecord(int64_t vcn) {
+CIndexRecord* CDirectory::ScanOpenRecords(int64_t vcn) {
     CChainElement* element = OpenRecords.SearchElement(&IndexRecordSearchRoutine, &vcn);
     return element != nullptr ? AsIndexRecord(element) : nullptr;
+}
+
+namespace {
+
+// Chain search routine of the rebuild: each valid record's VCN joins the
+// index unless an earlier record holds it. Never stops; a failed insertion
+// is counted in the int the parameter's second half points at.
+struct _INDEX_REBUILD {
+    CNumberIndex* Index;
+    int Failed;
+};
+
+int AddToRecordIndex(CChainElement* element, void* parameter) {
+    auto* rebuild = static_cast<_INDEX_REBUILD*>(parameter);
+    CIndexRecord* record = AsIndexRecord(element);
+    if (record->IsValid() && rebuild->Index->Insert(record->GetVcn(), reinterpret_cast<intptr_t>(record)) == -2) {
+        rebuild->Failed = 1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+CIndexRecord* CDirectory::FindOpenRecord(int64_t vcn) {
+    EnterCriticalSection(&OpenRecordIndexLock);
+    if (!OpenRecordIndexWhole.load()) {
+        OpenRecordIndex.Clear();
+        _INDEX_REBUILD rebuild{&OpenRecordIndex, 0};
+        OpenRecordIndexWhole.store(1);
+        OpenRecords.SearchElement(&AddToRecordIndex, &rebuild);
+        if (rebuild.Failed) OpenRecordIndexWhole.store(0);
+    }
+    CIndexRecord* found = nullptr;
+    if (OpenRecordIndexWhole.load()) {
+        intptr_t value = 0;
+        if (OpenRecordIndex.Find(vcn, &value)) found = reinterpret_cast<CIndexRecord*>(value);
+    } else {
+        found = ScanOpenRecords(vcn);
+    }
+    LeaveCriticalSection(&OpenRecordIndexLock);
+    return found;
+}
+
+void CDirectory::NoteRecordOpened(CIndexRecord* record) {
+    EnterCriticalSection(&OpenRecordIndexLock);
+    // The record stands last on the chain, so it is the first of its VCN
+    // only when no other holds it; a second one of a VCN (two loads racing)
+    // leaves the order to the rebuild.
+    if (OpenRecordIndexWhole.load() && record->IsValid() &&
+        OpenRecordIndex.Insert(record->GetVcn(), reinterpret_cast<intptr_t>(record)) != 1) {
+        OpenRecordIndexWhole.store(0);
+    }
+    LeaveCriticalSection(&OpenRecordIndexLock);
+}
+
+void CDirectory::NoteRecordClosed(CIndexRecord* record) {
+    EnterCriticalSection(&OpenRecordIndexLock);
+    intptr_t value = 0;
+    if (OpenRecordIndexWhole.load() && record->IsValid() && OpenRecordIndex.Find(record->GetVcn(), &value) &&
+        value == reinterpret_cast<intptr_t>(record)) {
+        OpenRecordIndexWhole.store(0);
+    }
+    LeaveCriticalSection(&OpenRecordIndexLock);
 }
 
 int64_t CDirectory::VcnToBit(int64_t vcn) const {

@@ -22,6 +22,7 @@
 
 #include "data/bitmap_data.h"
 #include "foundation/chain_element.h"
+#include "foundation/number_index.h"
 #include "foundation/pointer_array.h"
 #include "foundation/share_element.h"
 #include "index/bplus_tree.h"
@@ -87,8 +88,16 @@ public:
     [[nodiscard]] unsigned int GrowIndexAllocation(int count);
 
     // The open record whose header holds `vcn`, without a reference; null
-    // when it is not open.
+    // when it is not open. Of several, the first valid one on OpenRecords.
     CIndexRecord* FindOpenRecord(int64_t vcn);
+    // The same answer by a walk of OpenRecords; the plain form of the lookup.
+    CIndexRecord* ScanOpenRecords(int64_t vcn);
+    // Keeping OpenRecordIndex true: a record calls NoteRecordOpened at the
+    // end of its construction and NoteRecordClosed in its destruction; every
+    // change of an open record's VCN or validity calls NoteRecordsChanged.
+    void NoteRecordOpened(CIndexRecord* record);
+    void NoteRecordClosed(CIndexRecord* record);
+    void NoteRecordsChanged() { OpenRecordIndexWhole.store(0); }
     // Counts a parse of the root or of an index record of this directory
     // that could not make all its items; loads may count under the shared
     // lock, so the count is atomic.
@@ -170,6 +179,13 @@ public:
     int GrowFailed;                 // the last growth failed in resizing the bitmap
     int RecordsAdded;               // index records added to ItemCount in this change
     std::atomic<int64_t> IndexMemoryShortfalls;  // see CountMemoryShortfall
+    // VCN to the first valid record of that VCN on OpenRecords, while
+    // OpenRecordIndexWhole is 1; made again from the chain by the next
+    // lookup after it fell to 0. OpenRecordIndexLock orders the rebuild
+    // against the notes of records opened meanwhile.
+    CNumberIndex OpenRecordIndex;
+    std::atomic<int> OpenRecordIndexWhole;
+    CRITICAL_SECTION OpenRecordIndexLock;
 
 private:
     // Steps of GrowIndexAllocation.

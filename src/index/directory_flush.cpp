@@ -137,6 +137,7 @@ unsigned int CDirectory::Flush(int* undo) {
         }
         const int64_t old = record->GetVcn();
         WriteI64(record->Image, kIndexVcnOffset, record->GetShadowVcn());
+        NoteRecordsChanged();
         if (record->GetShadowVcn() != old) {
             code = FreeRecordBit(old);
             if (code != ERROR_SUCCESS) return code;
@@ -155,6 +156,7 @@ unsigned int CDirectory::Flush(int* undo) {
         // Lookups by VCN must not find the retired object again once the
         // location is reused; references from parsed entries may keep it alive.
         record->CRecord::Valid = 0;
+        NoteRecordsChanged();
         static_cast<CShareElement*>(record)->Release();
         LogMessage("Free abate IndexRecord %08XH.\n", static_cast<unsigned int>(vcn));
     }
@@ -266,9 +268,11 @@ unsigned int CDirectory::PrepareRecords(CPointerArray* list) {
         const int64_t old = record->GetVcn();
         if (Holds(NewRecords, static_cast<intptr_t>(old))) continue;
         WriteI64(record->Image, kIndexVcnOffset, record->GetShadowVcn());
+        NoteRecordsChanged();
         LogMessage("Write Record %d to Record %d.\n", static_cast<int>(old), static_cast<int>(record->GetShadowVcn()));
         code = record->IsModified() ? WriteIndexRecord(record) : ERROR_INTERNAL_ERROR;
         WriteI64(record->Image, kIndexVcnOffset, old);
+        NoteRecordsChanged();
         if (code != ERROR_SUCCESS) break;
     }
     return code;
@@ -286,6 +290,7 @@ unsigned int CDirectory::RollbackChanges() {
             NewRecords.RemoveAt(newIndex);
             record->ClearModified();
             record->CRecord::Valid = 0;
+            NoteRecordsChanged();
             static_cast<CShareElement*>(record)->Release();
             continue;
         }

@@ -82,11 +82,13 @@ CIndexRecord::CIndexRecord(const int64_t* vcn, uint8_t* buffer, CNTFSVolume* vol
     Volume = volume;
     ShadowVcn = *vcn;
     static_cast<void>(ParseEntries());
+    Directory->NoteRecordOpened(this);
 }
 
 // The share element part leaves the chain of open records in its own
 // destructor.
 CIndexRecord::~CIndexRecord() {
+    if (Image != nullptr) Directory->NoteRecordClosed(this);
     std::free(CleanImage);
     CleanImage = nullptr;
     std::free(Image);
@@ -237,6 +239,7 @@ unsigned int CIndexRecord::RemoveItem(CBPlusTreeItem* item, CBPlusTreeNode** chi
 int CIndexRecord::Revert() {
     if (!Valid || CleanImage == nullptr) return 0;
     std::memcpy(Image, CleanImage, GetBytesAllocated() + static_cast<size_t>(kIndexNodeHeaderOffset));
+    Directory->NoteRecordsChanged();
     Modified = 0;
     return ParseEntries();
 }
