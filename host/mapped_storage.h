@@ -3,7 +3,10 @@
 // ERROR_WRITE_PROTECT. A read past the end of the file is short (done <
 // count, result 0), as with FileStorage.
 //
-// For read-only work on image files: no system call per transfer. Block
+// For read-only work on image files: no system call per transfer. The pages
+// a read touches count as the process's memory while they stay mapped, so
+// once reads have touched kResidentBudget bytes the touched stretch is let
+// go (the file's pages stay in the page cache). Block
 // devices and files that cannot be mapped are refused at Open, and the host
 // falls back to FileStorage. The storage owns its map. Thread safety: reads
 // only, so concurrent transfers are safe.
@@ -19,6 +22,7 @@ namespace ntfs {
 class MappedStorage : public CStorage {
 public:
     static constexpr int kSectorBytes = 512;
+    static constexpr uint64_t kResidentBudget = 4u << 20;
 
     MappedStorage() = default;
     ~MappedStorage() override;
@@ -40,8 +44,16 @@ public:
     const std::string& LastErrorText() const { return ErrorText; }
 
 private:
+    // Notes a read of `bytes` at `start` and lets the touched stretch go
+    // when it has reached the budget.
+    void ReleaseTouched(uint64_t start, uint64_t bytes);
+
     const uint8_t* Map = nullptr;
     uint64_t Size = 0;
+    // The stretch read since the last release, and its bytes.
+    uint64_t TouchedLow = 0;
+    uint64_t TouchedHigh = 0;
+    uint64_t TouchedBytes = 0;
     std::string ErrorText;
 };
 

@@ -83,25 +83,68 @@ unsigned int ListDirectory(CNTFSVolume* volume, const std::u16string& directory,
     return VisitDirectory(volume, directory, [entries](Entry&& entry) { entries->push_back(std::move(entry)); });
 }
 
-std::string FormatTime(CNTFSVolume* volume, uint64_t fileTime) {
-    _LARGE_INTEGER time{};
-    time.QuadPart = static_cast<int64_t>(fileTime);
-    _SYSTEMTIME calendar{};
-    volume->FileTimeToSystemTime(&time, &calendar);
-    char text[64];
-    std::snprintf(text, sizeof(text), "%04u-%02u-%02u %02u:%02u:%02u", calendar.wYear, calendar.wMonth,
-                  calendar.wDay, calendar.wHour, calendar.wMinute, calendar.wSecond);
-    return text;
+// Decimal `value` right-aligned in `width` characters (wider when it needs
+// more), as printf's %*lld does.
+void AppendNumber(std::string* line, long long value, int width) {
+    char digits[24];
+    int length = 0;
+    unsigned long long magnitude = value < 0 ? 0ull - static_cast<unsigned long long>(value)
+                                             : static_cast<unsigned long long>(value);
+    do {
+        digits[length++] = static_cast<char>('0' + magnitude % 10);
+        magnitude /= 10;
+    } while (magnitude != 0);
+    if (value < 0) digits[length++] = '-';
+    for (int pad = width - length; pad > 0; --pad) line->push_back(' ');
+    while (length > 0) line->push_back(digits[--length]);
 }
 
+// Zero-padded, as %02u and %04u.
+void AppendPadded(std::string* line, unsigned value, int width) {
+    char digits[12];
+    int length = 0;
+    do {
+        digits[length++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    for (int pad = width - length; pad > 0; --pad) line->push_back('0');
+    while (length > 0) line->push_back(digits[--length]);
+}
+
+// One line of a listing, put together by hand: a listing prints many.
 void PrintEntry(CNTFSVolume* volume, const Entry& entry, bool longFormat) {
+    static std::string line;
+    line.clear();
     if (longFormat) {
-        std::fprintf(Out(), "%c %12llu %s %8lld  %s\n", entry.directory ? 'd' : '-',
-                     static_cast<unsigned long long>(entry.size), FormatTime(volume, entry.writeTime).c_str(),
-                     static_cast<long long>(entry.record), Utf8(entry.name).c_str());
+        _LARGE_INTEGER time{};
+        time.QuadPart = static_cast<int64_t>(entry.writeTime);
+        _SYSTEMTIME calendar{};
+        volume->FileTimeToSystemTime(&time, &calendar);
+        line.push_back(entry.directory ? 'd' : '-');
+        line.push_back(' ');
+        AppendNumber(&line, static_cast<long long>(entry.size), 12);
+        line.push_back(' ');
+        AppendPadded(&line, calendar.wYear, 4);
+        line.push_back('-');
+        AppendPadded(&line, calendar.wMonth, 2);
+        line.push_back('-');
+        AppendPadded(&line, calendar.wDay, 2);
+        line.push_back(' ');
+        AppendPadded(&line, calendar.wHour, 2);
+        line.push_back(':');
+        AppendPadded(&line, calendar.wMinute, 2);
+        line.push_back(':');
+        AppendPadded(&line, calendar.wSecond, 2);
+        line.push_back(' ');
+        AppendNumber(&line, static_cast<long long>(entry.record), 8);
+        line.append("  ");
+        line.append(Utf8(entry.name));
     } else {
-        std::fprintf(Out(), "%s%s\n", Utf8(entry.name).c_str(), entry.directory ? "/" : "");
+        line.append(Utf8(entry.name));
+        if (entry.directory) line.push_back('/');
     }
+    line.push_back('\n');
+    std::fwrite(line.data(), 1, line.size(), Out());
 }
 
 // Entries are printed as they are found; only the names of subdirectories

@@ -11,6 +11,7 @@
 #include "foundation/platform.h"
 #include "index/directory.h"
 #include "index/index_entry.h"
+#include "index/index_record.h"
 #include "index/index_root.h"
 #include "record/full_file_record.h"
 #include "record/layout.h"
@@ -102,6 +103,24 @@ int CFindHandle::UnlockExclusive() {
 
 bool CFindHandle::AcceptItem(CBPlusTreeItem* item, bool backtracked, const _INDEX_SEARCH_KEY* key) {
     return !item->HasChild() || backtracked || key->Exact != 0;
+}
+
+// Chain search routine over a directory's OpenFindHandles: whether the
+// cursor of the find object behind `element` stands in the node `parameter`.
+int CFindHandle::CursorInNodeSearchRoutine(CChainElement* element, void* parameter) {
+    const auto* handle = static_cast<const CFindHandle*>(element->Reserved);
+    int depth = 0;
+    for (const _TREE_CURSOR_FRAME* frame = handle->Cursor; frame != nullptr && depth <= kMaxTreeDepth;
+         frame = frame->Previous, ++depth) {
+        if (frame->Node == parameter) return 1;
+    }
+    return 0;
+}
+
+void CFindHandle::NodePassed(CBPlusTreeNode* node) {
+    if (node == nullptr || node == RootNode) return;
+    auto* record = dynamic_cast<CIndexRecord*>(node);
+    if (record != nullptr) Directory->KeepPassedRecord(record, &CursorInNodeSearchRoutine);
 }
 
 int CFindHandle::SetPattern(const char16_t* pattern) {
@@ -248,7 +267,9 @@ unsigned int CFindHandle::NextEntry(const uint8_t** entry, _INDEX_SEARCH_KEY* ke
                 _TREE_CURSOR_FRAME* deeper = Cursor;
                 Cursor = Cursor->Previous;
                 Cursor->Next = nullptr;
+                CBPlusTreeNode* passed = deeper->Node;
                 std::free(deeper);
+                NodePassed(passed);
             }
             Cursor->Index += 1;
             if (Cursor->Index >= Cursor->Node->GetItemCount()) {

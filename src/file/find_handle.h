@@ -73,6 +73,10 @@ public:
     int InsertRaw(CBPlusTreeItem*, CBPlusTreeItem*, CBPlusTreeItem**) override { return -1; }
     unsigned int TakeLastEntry(CBPlusTreeItem**) override { return 0; }
     bool AcceptItem(CBPlusTreeItem* item, bool backtracked, const _INDEX_SEARCH_KEY* key) override;
+    // A node the walk has left upwards: an index record no other cursor on
+    // the directory stands in is handed to the directory to keep compactly.
+    void NodePassed(CBPlusTreeNode* node) override;
+    static int CursorInNodeSearchRoutine(CChainElement* element, void* parameter);
 
     // Compiles `pattern` (not folded) into Pattern and Segments. 1, or 0 when
     // out of memory.
@@ -127,7 +131,7 @@ private:
     // The numbers of SeenRecords by value, for the question asked at every
     // step; it answers exactly as the array would. SeenIndexWhole falls to 0
     // for good when the index could not take a number the array took.
-    CNumberIndex SeenIndex;
+    CNumberIndex SeenIndex{false};
     std::atomic<int> SeenIndexWhole;
 };
 

@@ -1,6 +1,7 @@
 #include "foundation/number_index.h"
 
 #include <cstdlib>
+#include <cstring>
 
 namespace ntfs {
 
@@ -21,27 +22,60 @@ uint64_t Spread(int64_t key) {
 
 }  // namespace
 
-CNumberIndex::CNumberIndex() : Slots(nullptr), SlotCount(0), Count(0) { InitializeCriticalSection(&Lock); }
+CNumberIndex::CNumberIndex(bool withValues)
+    : WithValues(withValues), Keys(nullptr), Values(nullptr), Used(nullptr), SlotCount(0), Count(0) {
+    InitializeCriticalSection(&Lock);
+}
 
 CNumberIndex::~CNumberIndex() {
-    std::free(Slots);
+    std::free(Keys);
+    std::free(Values);
+    std::free(Used);
     DeleteCriticalSection(&Lock);
+}
+
+void CNumberIndex::SetUsed(uint64_t slot, bool used) {
+    const uint64_t bit = uint64_t{1} << (slot % 64);
+    Used[slot / 64] = used ? (Used[slot / 64] | bit) : (Used[slot / 64] & ~bit);
+}
+
+uint64_t CNumberIndex::Probe(int64_t key) const {
+    const uint64_t mask = static_cast<uint64_t>(SlotCount) - 1;
+    uint64_t at = Spread(key) & mask;
+    while (IsUsed(at) && Keys[at] != key) at = (at + 1) & mask;
+    return at;
 }
 
 int CNumberIndex::Grow() {
     const int64_t slots = SlotCount == 0 ? kFirstSlotCount : SlotCount * 2;
-    auto* table = static_cast<Slot*>(std::calloc(static_cast<size_t>(slots), sizeof(Slot)));
-    if (table == nullptr) return 0;
-    const uint64_t mask = static_cast<uint64_t>(slots) - 1;
-    for (int64_t i = 0; i < SlotCount; ++i) {
-        if (!Slots[i].Used) continue;
-        uint64_t at = Spread(Slots[i].Key) & mask;
-        while (table[at].Used) at = (at + 1) & mask;
-        table[at] = Slots[i];
+    auto* keys = static_cast<int64_t*>(std::malloc(static_cast<size_t>(slots) * sizeof(int64_t)));
+    auto* values = WithValues ? static_cast<intptr_t*>(std::malloc(static_cast<size_t>(slots) * sizeof(intptr_t)))
+                              : nullptr;
+    auto* used = static_cast<uint64_t*>(std::calloc(static_cast<size_t>(slots / 64), sizeof(uint64_t)));
+    if (keys == nullptr || used == nullptr || (WithValues && values == nullptr)) {
+        std::free(keys);
+        std::free(values);
+        std::free(used);
+        return 0;
     }
-    std::free(Slots);
-    Slots = table;
+    int64_t* oldKeys = Keys;
+    intptr_t* oldValues = Values;
+    uint64_t* oldUsed = Used;
+    const int64_t oldSlots = SlotCount;
+    Keys = keys;
+    Values = values;
+    Used = used;
     SlotCount = slots;
+    for (int64_t i = 0; i < oldSlots; ++i) {
+        if (!((oldUsed[i / 64] >> (i % 64)) & 1)) continue;
+        const uint64_t at = Probe(oldKeys[i]);
+        Keys[at] = oldKeys[i];
+        if (WithValues) Values[at] = oldValues[i];
+        SetUsed(at, true);
+    }
+    std::free(oldKeys);
+    std::free(oldValues);
+    std::free(oldUsed);
     return 1;
 }
 
@@ -51,16 +85,14 @@ int CNumberIndex::Insert(int64_t key, intptr_t value, intptr_t* existing) {
     if ((Count + 1) * 2 > SlotCount && !Grow()) {
         result = -2;
     } else {
-        const uint64_t mask = static_cast<uint64_t>(SlotCount) - 1;
-        uint64_t at = Spread(key) & mask;
-        while (Slots[at].Used && Slots[at].Key != key) at = (at + 1) & mask;
-        if (Slots[at].Used) {
-            if (existing != nullptr) *existing = Slots[at].Value;
+        const uint64_t at = Probe(key);
+        if (IsUsed(at)) {
+            if (existing != nullptr) *existing = WithValues ? Values[at] : 0;
             result = 0;
         } else {
-            Slots[at].Key = key;
-            Slots[at].Value = value;
-            Slots[at].Used = 1;
+            Keys[at] = key;
+            if (WithValues) Values[at] = value;
+            SetUsed(at, true);
             ++Count;
         }
     }
@@ -72,11 +104,9 @@ int CNumberIndex::Find(int64_t key, intptr_t* value) {
     EnterCriticalSection(&Lock);
     int found = 0;
     if (SlotCount > 0) {
-        const uint64_t mask = static_cast<uint64_t>(SlotCount) - 1;
-        uint64_t at = Spread(key) & mask;
-        while (Slots[at].Used && Slots[at].Key != key) at = (at + 1) & mask;
-        if (Slots[at].Used) {
-            *value = Slots[at].Value;
+        const uint64_t at = Probe(key);
+        if (IsUsed(at)) {
+            *value = WithValues ? Values[at] : 0;
             found = 1;
         }
     }
@@ -84,10 +114,45 @@ int CNumberIndex::Find(int64_t key, intptr_t* value) {
     return found;
 }
 
+int CNumberIndex::Remove(int64_t key) {
+    EnterCriticalSection(&Lock);
+    int removed = 0;
+    if (SlotCount > 0) {
+        const uint64_t mask = static_cast<uint64_t>(SlotCount) - 1;
+        uint64_t hole = Probe(key);
+        if (IsUsed(hole)) {
+            removed = 1;
+            --Count;
+            SetUsed(hole, false);
+            // Entries behind the hole that would not be found past it move in.
+            for (uint64_t at = (hole + 1) & mask; IsUsed(at); at = (at + 1) & mask) {
+                const uint64_t home = Spread(Keys[at]) & mask;
+                const bool reachable = hole <= at ? (home > hole && home <= at) : (home > hole || home <= at);
+                if (reachable) continue;
+                Keys[hole] = Keys[at];
+                if (WithValues) Values[hole] = Values[at];
+                SetUsed(hole, true);
+                SetUsed(at, false);
+                hole = at;
+            }
+        }
+    }
+    LeaveCriticalSection(&Lock);
+    return removed;
+}
+
 void CNumberIndex::Clear() {
     EnterCriticalSection(&Lock);
-    for (int64_t i = 0; i < SlotCount; ++i) Slots[i].Used = 0;
+    if (Used != nullptr) std::memset(Used, 0, static_cast<size_t>(SlotCount / 64) * sizeof(uint64_t));
     Count = 0;
+    LeaveCriticalSection(&Lock);
+}
+
+void CNumberIndex::ForEach(void (*visit)(int64_t key, intptr_t value, void* context), void* context) {
+    EnterCriticalSection(&Lock);
+    for (int64_t i = 0; i < SlotCount; ++i) {
+        if (IsUsed(static_cast<uint64_t>(i))) visit(Keys[i], WithValues ? Values[i] : 0, context);
+    }
     LeaveCriticalSection(&Lock);
 }
 

@@ -3,8 +3,10 @@
 // enumeration has delivered, the open index records of a directory by VCN).
 //
 // Open addressing with linear probing in a power-of-two table that doubles
-// at half load. Entries are never removed one by one; Clear empties the
-// index and keeps its table.
+// at half load; a removal shifts the entries behind it back, so no marks of
+// removed entries remain. An index made without values keeps the keys only
+// (a set: Find answers whether the key is there, with value 0). Clear
+// empties the index and keeps its table.
 //
 // Ownership: the index owns its table only. Thread safety: every operation
 // holds the index's critical section for its own length.
@@ -18,7 +20,7 @@ namespace ntfs {
 
 class CNumberIndex {
 public:
-    CNumberIndex();
+    explicit CNumberIndex(bool withValues = true);
     ~CNumberIndex();
     CNumberIndex(const CNumberIndex&) = delete;
     CNumberIndex& operator=(const CNumberIndex&) = delete;
@@ -29,19 +31,26 @@ public:
     int Insert(int64_t key, intptr_t value, intptr_t* existing = nullptr);
     // 1 and *value when the key is there, else 0.
     int Find(int64_t key, intptr_t* value);
+    // Takes `key` out; 1 when it was there, else 0.
+    int Remove(int64_t key);
     // Empties the index; the table stays for reuse.
     void Clear();
     int64_t GetCount();
+    // Calls `visit` for every entry, in no particular order, under the lock;
+    // `visit` must not call back into the index.
+    void ForEach(void (*visit)(int64_t key, intptr_t value, void* context), void* context);
 
 private:
     int Grow();
+    bool IsUsed(uint64_t slot) const { return (Used[slot / 64] >> (slot % 64)) & 1; }
+    void SetUsed(uint64_t slot, bool used);
+    // The slot holding `key`, or the free slot where it would go.
+    uint64_t Probe(int64_t key) const;
 
-    struct Slot {
-        int64_t Key;
-        intptr_t Value;
-        int Used;
-    };
-    Slot* Slots;
+    bool WithValues;
+    int64_t* Keys;
+    intptr_t* Values;   // null without values
+    uint64_t* Used;     // one bit per slot
     int64_t SlotCount;  // a power of two, or 0 before the first insertion
     int64_t Count;
     CRITICAL_SECTION Lock;

@@ -43,7 +43,9 @@ void LeaveCriticalSection(CRITICAL_SECTION* section) {
     if (section->RecursionCount == 0) return;
     if (--section->RecursionCount == 0) {
         section->Owner = std::thread::id();
-        section->Released.notify_one();
+        // Waiters count themselves under the guard before they wait, so
+        // with none counted there is nobody to wake.
+        if (section->LockCount > 0) section->Released.notify_one();
     }
 }
 

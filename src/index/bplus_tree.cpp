@@ -175,8 +175,10 @@ void CBPlusTreeNode::AscendCursor() {
     _TREE_CURSOR_FRAME* up = Cursor->Previous;
     up->Next = nullptr;
     up->Backtracked = 1;
+    CBPlusTreeNode* passed = Cursor->Node;
     std::free(Cursor);
     Cursor = up;
+    NodePassed(passed);
 }
 
 unsigned int CBPlusTreeNode::FindNextItem(CBPlusTreeItem** item, const _INDEX_SEARCH_KEY* key) {

@@ -209,6 +209,9 @@ public:
     // The position of `item` under the node's lock, or -1.
     int IndexOfItem(CBPlusTreeItem* item) { return Items.IndexOf(item); }
     _TREE_CURSOR_FRAME* GetCursor() const { return Cursor; }
+    // Told when this object's cursor has left `node` upwards: the walk is
+    // past everything below it. Nothing in the base.
+    virtual void NodePassed(CBPlusTreeNode* node) { static_cast<void>(node); }
 
 protected:
     // Appends `item` (which may be null: no memory) at the end of the list;

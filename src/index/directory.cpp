@@ -61,7 +61,9 @@ CDirectory::CDirectory(CFullFileRecord* record, CNTFSVolume* volume)
       GrowFailed(0),
       RecordsAdded(0),
       IndexMemoryShortfalls(0),
-      OpenRecordIndexWhole(1) {
+      OpenRecordIndexWhole(1),
+      OpenRecordVcnsShared(0),
+      RecordsReattached(0) {
     InitializeCriticalSection(&OpenRecordIndexLock);
     // Nothing is put on the file record's chain of directories; the link
     // only names its owner.
@@ -77,6 +79,7 @@ CDirectory::~CDirectory() {
     if (DirectoryLink.Container != nullptr) DirectoryLink.Container->RemoveElement(&DirectoryLink);
     // Each record leaves the chain in its destructor.
     while (CChainElement* element = OpenRecords.GetElement(0)) delete AsIndexRecord(element);
+    FreeKeptRecords();
     FreeCursor();
     if (FileRecord != nullptr) FileRecord->Release();
     FileRecord = nullptr;
@@ -212,18 +215,20 @@ namespace {
 
 // Chain search routine of the rebuild: each valid record's VCN joins the
 // index unless an earlier record holds it. Never stops; a failed insertion
-// is counted in the int the parameter's second half points at.
+// and a VCN held twice are noted in the parameter.
 struct _INDEX_REBUILD {
     CNumberIndex* Index;
     int Failed;
+    int Shared;
 };
 
 int AddToRecordIndex(CChainElement* element, void* parameter) {
     auto* rebuild = static_cast<_INDEX_REBUILD*>(parameter);
     CIndexRecord* record = AsIndexRecord(element);
-    if (record->IsValid() && rebuild->Index->Insert(record->GetVcn(), reinterpret_cast<intptr_t>(record)) == -2) {
-        rebuild->Failed = 1;
-    }
+    if (!record->IsValid()) return 0;
+    const int added = rebuild->Index->Insert(record->GetVcn(), reinterpret_cast<intptr_t>(record));
+    if (added == -2) rebuild->Failed = 1;
+    if (added == 0) rebuild->Shared = 1;
     return 0;
 }
 
@@ -233,9 +238,10 @@ CIndexRecord* CDirectory::FindOpenRecord(int64_t vcn) {
     EnterCriticalSection(&OpenRecordIndexLock);
     if (!OpenRecordIndexWhole.load()) {
         OpenRecordIndex.Clear();
-        _INDEX_REBUILD rebuild{&OpenRecordIndex, 0};
+        _INDEX_REBUILD rebuild{&OpenRecordIndex, 0, 0};
         OpenRecordIndexWhole.store(1);
         OpenRecords.SearchElement(&AddToRecordIndex, &rebuild);
+        OpenRecordVcnsShared.store(rebuild.Shared);
         if (rebuild.Failed) OpenRecordIndexWhole.store(0);
     }
     CIndexRecord* found = nullptr;
@@ -254,9 +260,10 @@ void CDirectory::NoteRecordOpened(CIndexRecord* record) {
     // The record stands last on the chain, so it is the first of its VCN
     // only when no other holds it; a second one of a VCN (two loads racing)
     // leaves the order to the rebuild.
-    if (OpenRecordIndexWhole.load() && record->IsValid() &&
-        OpenRecordIndex.Insert(record->GetVcn(), reinterpret_cast<intptr_t>(record)) != 1) {
-        OpenRecordIndexWhole.store(0);
+    if (OpenRecordIndexWhole.load() && record->IsValid()) {
+        const int added = OpenRecordIndex.Insert(record->GetVcn(), reinterpret_cast<intptr_t>(record));
+        if (added != 1) OpenRecordIndexWhole.store(0);
+        if (added == 0) OpenRecordVcnsShared.store(1);
     }
     LeaveCriticalSection(&OpenRecordIndexLock);
 }
@@ -266,7 +273,13 @@ void CDirectory::NoteRecordClosed(CIndexRecord* record) {
     intptr_t value = 0;
     if (OpenRecordIndexWhole.load() && record->IsValid() && OpenRecordIndex.Find(record->GetVcn(), &value) &&
         value == reinterpret_cast<intptr_t>(record)) {
-        OpenRecordIndexWhole.store(0);
+        // The only valid record of its VCN leaves the index; with another of
+        // the same VCN behind it on the chain, the index is made again.
+        if (OpenRecordVcnsShared.load()) {
+            OpenRecordIndexWhole.store(0);
+        } else {
+            OpenRecordIndex.Remove(record->GetVcn());
+        }
     }
     LeaveCriticalSection(&OpenRecordIndexLock);
 }

@@ -98,6 +98,24 @@ public:
     void NoteRecordOpened(CIndexRecord* record);
     void NoteRecordClosed(CIndexRecord* record);
     void NoteRecordsChanged() { OpenRecordIndexWhole.store(0); }
+
+    // Index records an enumeration has passed are let go in a compact form
+    // of their image, and brought back from it instead of from the device:
+    // the records visited and the device calls made stay as they were, at a
+    // fraction of the memory. KeepPassedRecord makes `record` kept when
+    // nothing else reaches it (the caller has checked the cursors of the
+    // find handles on this directory; the directory's own is checked here)
+    // and it is unchanged since it was read; else nothing happens.
+    // TakeKeptImage fills `buffer` (RecordSize bytes) with the image of the
+    // kept record at `vcn` as the device holds it, forgets it and answers
+    // true; false when that record is not kept.
+    void KeepPassedRecord(CIndexRecord* record, ChainSearchRoutine cursorInNode);
+    bool TakeKeptImage(int64_t vcn, uint8_t* buffer);
+    // A parse attached an already open record to a new item: links to open
+    // records are then no longer one per reference, and no record is kept
+    // any more.
+    void NoteRecordReattached() { RecordsReattached.store(1); }
+    int64_t GetKeptRecordCount() { return KeptRecords.GetCount(); }
     // Counts a parse of the root or of an index record of this directory
     // that could not make all its items; loads may count under the shared
     // lock, so the count is atomic.
@@ -185,9 +203,16 @@ public:
     // against the notes of records opened meanwhile.
     CNumberIndex OpenRecordIndex;
     std::atomic<int> OpenRecordIndexWhole;
+    // Set while two valid open records may share a VCN; then the lookup's
+    // index is made again after any record goes.
+    std::atomic<int> OpenRecordVcnsShared;
+    // VCN to the compact image of a kept record (C allocator memory).
+    CNumberIndex KeptRecords;
+    std::atomic<int> RecordsReattached;
     CRITICAL_SECTION OpenRecordIndexLock;
 
 private:
+    void FreeKeptRecords();
     // Steps of GrowIndexAllocation.
     unsigned int CreateIndexAttributes();
     unsigned int GrowIntoNewClusters(int count, uint8_t* buffer, CPointerArray* runs);

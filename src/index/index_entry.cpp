@@ -156,10 +156,14 @@ unsigned int CIndexEntry::LoadRecord(int64_t vcn, CBPlusTreeNode** child) {
     auto* buffer = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(recordSize > 0 ? recordSize : 1)));
     if (buffer == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     int64_t offset = vcn * unit;
-    uint32_t read = 0;
+    uint32_t read = static_cast<uint32_t>(recordSize);
+    // A record an enumeration has passed comes back from the directory's
+    // compact copy, as it was open, without a device read.
     const unsigned int code =
-        Directory->GetFileRecord()->ReadAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength,
-                                                  &offset, static_cast<uint32_t>(recordSize), buffer, &read);
+        Directory->TakeKeptImage(vcn, buffer)
+            ? ERROR_SUCCESS
+            : Directory->GetFileRecord()->ReadAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength,
+                                                        &offset, static_cast<uint32_t>(recordSize), buffer, &read);
     if (code != ERROR_SUCCESS || read < static_cast<uint32_t>(recordSize)) {
         std::free(buffer);
         Child = nullptr;

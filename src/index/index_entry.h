@@ -145,6 +145,10 @@ public:
     // Drops the sub-node, clears the flag and takes the 8 VCN bytes off the
     // length whether or not the flag was set.
     CBPlusTreeNode* DetachChild() override;
+    // Drops the link to the loaded sub-node and nothing else (the entry's
+    // bytes stay): the directory has kept that record, and the next
+    // GetChildNode brings it back.
+    void ForgetChild() { Child = nullptr; }
     // An owning copy of the whole entry with no directory; null when out of
     // memory.
     CBPlusTreeItem* Clone() override;

@@ -148,6 +148,7 @@ int CIndexRecord::ParseEntries() {
         if (oldCount != 0 && EntryHasSubNode(bytes) && EntryLength(bytes) >= kEndEntryWithSubNodeSize) {
             if (CIndexRecord* open = Directory->FindOpenRecord(EntrySubNodeVcn(bytes))) {
                 item->AttachChild(open);
+                Directory->NoteRecordReattached();
             }
         }
         previous = item;

@@ -108,6 +108,7 @@ int CIndexRoot::ParseEntries() {
             if (EntryHasSubNode(bytes) && EntryLength(bytes) >= kEndEntryWithSubNodeSize) {
                 if (CIndexRecord* open = Directory->FindOpenRecord(EntrySubNodeVcn(bytes))) {
                     item->AttachChild(open);
+                Directory->NoteRecordReattached();
                 }
             }
             previous = item;
