@@ -77,6 +77,9 @@ public:
     // the directory stands in is handed to the directory to keep compactly.
     void NodePassed(CBPlusTreeNode* node) override;
     static int CursorInNodeSearchRoutine(CChainElement* element, void* parameter);
+    // From now on the delivered records are looked up by a search of
+    // SeenRecords alone: the plain form, against which the index is tested.
+    void SearchSeenRecordsLinearly() { SeenIndexWhole.store(0); }
 
     // Compiles `pattern` (not folded) into Pattern and Segments. 1, or 0 when
     // out of memory.
