@@ -22,7 +22,7 @@ namespace ntfs {
 class MappedStorage : public CStorage {
 public:
     static constexpr int kSectorBytes = 512;
-    static constexpr uint64_t kResidentBudget = 4u << 20;
+    static constexpr uint64_t kResidentBudget = 1u << 20;
 
     MappedStorage() = default;
     ~MappedStorage() override;

@@ -225,7 +225,9 @@ unsigned int CFullFileRecord::ReadAttribute(uint32_t type, const char16_t* name,
         unit = (1u << exponent) * static_cast<uint32_t>(ClusterSize);
     }
     if (unit == 0 || *offset < 0) return ERROR_FILE_CORRUPT;
-    auto* raw = static_cast<uint8_t*>(std::calloc(unit, 1));
+    // Not cleared: a unit read whole overwrites it; after a short first
+    // read the rest is cleared below, as a fresh zeroed block would be.
+    auto* raw = static_cast<uint8_t*>(std::malloc(unit));
     // The unit after expansion is looked at only for compressed data.
     const bool mayExpand = (flags & kAttributeCompressionMask) != 0;
     auto* expanded = mayExpand ? static_cast<uint8_t*>(std::calloc(unit, 1)) : nullptr;
@@ -245,11 +247,14 @@ unsigned int CFullFileRecord::ReadAttribute(uint32_t type, const char16_t* name,
     auto* out = static_cast<uint8_t*>(buffer);
     uint32_t remaining = count;
     unsigned int code = ERROR_SUCCESS;
+    bool first = true;
     do {
         uint32_t rawRead = 0;
         uint32_t compressed = 0;
         unsigned int deviceCode = ERROR_SUCCESS;
         code = ReadUnitReportingDevice(&cursor, unit, raw, &rawRead, &compressed, &deviceCode);
+        if (first && rawRead < unit) std::memset(raw + rawRead, 0, unit - rawRead);
+        first = false;
         const uint8_t* source;
         int64_t length;
         if ((flags & kAttributeCompressionMask) != 0 && compressed) {
