@@ -47,14 +47,12 @@ void MappedStorage::Close() {
     Size = 0;
 }
 
-void MappedStorage::ReleaseTouched(uint64_t start, uint64_t bytes) {
-    if (TouchedBytes == 0 || start < TouchedLow) TouchedLow = start;
-    if (TouchedBytes == 0 || start + bytes > TouchedHigh) TouchedHigh = start + bytes;
+void MappedStorage::ReleaseTouched(uint64_t bytes) {
     TouchedBytes += bytes;
     if (TouchedBytes < kResidentBudget) return;
-    const uint64_t page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
-    const uint64_t low = TouchedLow - TouchedLow % page;
-    ::madvise(const_cast<uint8_t*>(Map) + low, static_cast<size_t>(TouchedHigh - low), MADV_DONTNEED);
+    // The whole map: a fault maps the pages around the one touched too, so
+    // what is mapped reaches beyond what was read.
+    ::madvise(const_cast<uint8_t*>(Map), static_cast<size_t>(Size), MADV_DONTNEED);
     TouchedBytes = 0;
 }
 
@@ -67,7 +65,7 @@ unsigned int MappedStorage::ReadSectors(void* buffer, int64_t* sector, int count
     uint64_t bytes = static_cast<uint64_t>(count) * kSectorBytes;
     if (bytes > Size - start) bytes = Size - start;
     std::memcpy(buffer, Map + start, static_cast<size_t>(bytes));
-    ReleaseTouched(start, bytes);
+    ReleaseTouched(bytes);
     *done = static_cast<int>(bytes / kSectorBytes);
     return ERROR_SUCCESS;
 }

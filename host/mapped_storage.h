@@ -5,8 +5,8 @@
 //
 // For read-only work on image files: no system call per transfer. The pages
 // a read touches count as the process's memory while they stay mapped, so
-// once reads have touched kResidentBudget bytes the touched stretch is let
-// go (the file's pages stay in the page cache). Block
+// once reads have moved kResidentBudget bytes the mapped pages are let go
+// (the file's pages stay in the page cache). Block
 // devices and files that cannot be mapped are refused at Open, and the host
 // falls back to FileStorage. The storage owns its map. Thread safety: reads
 // only, so concurrent transfers are safe.
@@ -44,15 +44,13 @@ public:
     const std::string& LastErrorText() const { return ErrorText; }
 
 private:
-    // Notes a read of `bytes` at `start` and lets the touched stretch go
-    // when it has reached the budget.
-    void ReleaseTouched(uint64_t start, uint64_t bytes);
+    // Notes a read of `bytes` and lets the mapped pages go when the reads
+    // since the last time have reached the budget.
+    void ReleaseTouched(uint64_t bytes);
 
     const uint8_t* Map = nullptr;
     uint64_t Size = 0;
-    // The stretch read since the last release, and its bytes.
-    uint64_t TouchedLow = 0;
-    uint64_t TouchedHigh = 0;
+    // Bytes read since the last release.
     uint64_t TouchedBytes = 0;
     std::string ErrorText;
 };

@@ -63,7 +63,9 @@ CDirectory::CDirectory(CFullFileRecord* record, CNTFSVolume* volume)
       IndexMemoryShortfalls(0),
       OpenRecordIndexWhole(1),
       OpenRecordVcnsShared(0),
-      RecordsReattached(0) {
+      RecordsReattached(0),
+      KeptBytes(0),
+      KeptWorkspace(nullptr) {
     InitializeCriticalSection(&OpenRecordIndexLock);
     // Nothing is put on the file record's chain of directories; the link
     // only names its owner.

@@ -209,6 +209,8 @@ public:
     // VCN to the compact image of a kept record (C allocator memory).
     CNumberIndex KeptRecords;
     std::atomic<int> RecordsReattached;
+    int64_t KeptBytes;     // bytes of the kept images
+    void* KeptWorkspace;   // the compressor's workspace and output, made on first use
     CRITICAL_SECTION OpenRecordIndexLock;
 
 private:
