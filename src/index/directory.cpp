@@ -65,6 +65,7 @@ CDirectory::CDirectory(CFullFileRecord* record, CNTFSVolume* volume)
       OpenRecordVcnsShared(0),
       RecordsReattached(0),
       KeptBytes(0),
+      KeptPlainBudget(kKeptPlainBudget),
       KeptWorkspace(nullptr) {
     InitializeCriticalSection(&OpenRecordIndexLock);
     // Nothing is put on the file record's chain of directories; the link

@@ -116,6 +116,9 @@ public:
     // any more.
     void NoteRecordReattached() { RecordsReattached.store(1); }
     int64_t GetKeptRecordCount() { return KeptRecords.GetCount(); }
+    // Kept bytes stored as they are; behind them, kept images are compressed.
+    static constexpr int64_t kKeptPlainBudget = 2 << 20;
+    void SetKeptPlainBudget(int64_t bytes) { KeptPlainBudget = bytes; }
     // Counts a parse of the root or of an index record of this directory
     // that could not make all its items; loads may count under the shared
     // lock, so the count is atomic.
@@ -210,6 +213,7 @@ public:
     CNumberIndex KeptRecords;
     std::atomic<int> RecordsReattached;
     int64_t KeptBytes;     // bytes of the kept images
+    int64_t KeptPlainBudget;
     void* KeptWorkspace;   // the compressor's workspace and output, made on first use
     CRITICAL_SECTION OpenRecordIndexLock;
 

@@ -25,9 +25,6 @@ namespace ntfs {
 
 namespace {
 
-// Kept bytes of a directory stored as they are; behind this, compressed.
-constexpr int64_t kKeptPlainBudget = 2 << 20;
-
 // Header of a compact image; `Stored` bytes follow it.
 struct _KEPT_RECORD {
     int32_t Stored;      // bytes that follow
@@ -129,7 +126,7 @@ void CDirectory::KeepPassedRecord(CIndexRecord* record, ChainSearchRoutine curso
     const bool tailZero = TailIsZeroButStretchEnds(raw, static_cast<int>(used), size, number);
     const int stored = tailZero ? static_cast<int>(used) : size;
     _KEPT_RECORD* kept = nullptr;
-    if (KeptBytes + stored > kKeptPlainBudget) {
+    if (KeptBytes + stored > KeptPlainBudget) {
         if (KeptWorkspace == nullptr) {
             KeptWorkspace = std::malloc(sizeof(_LZNT1_HASHED_WORKSPACE) + kLznt1PlainChunkBytes + 64);
         }

@@ -85,8 +85,9 @@ struct Session {
 
 // Walks \many whole, looks up a spread of its names one by one, walks it
 // again from the middle by a pattern and once more whole. With `plain` the
-// directory is told first that its records may not be kept.
-Session RunSession(bool plain) {
+// directory is told first that its records may not be kept; with
+// `compressed` every kept record is compressed.
+Session RunSession(bool plain, bool compressed = false) {
     Session session;
     MountedVolume mounted("big");
     EXPECT_EQ(mounted.Mount(), 1);
@@ -95,6 +96,7 @@ Session RunSession(bool plain) {
     EXPECT_EQ(volume->ReferenceDirectory(64, u"\\many", &directory), ERROR_SUCCESS);
     if (directory == nullptr) return session;
     if (plain) directory->NoteRecordReattached();
+    if (compressed) directory->SetKeptPlainBudget(0);
     mounted.Faults().ClearLogs();
     session.results.push_back(List(volume, u"\\many\\*", false));
     session.keptAfterFirstWalk = directory->GetKeptRecordCount();
@@ -112,8 +114,7 @@ Session RunSession(bool plain) {
     return session;
 }
 
-TEST(PlainForm, KeptIndexRecordsChangeNoResultAndNoDeviceCall) {
-    const Session kept = RunSession(false);
+void CompareWithOpenRecords(const Session& kept) {
     const Session open = RunSession(true);
     EXPECT_GT(kept.keptAfterFirstWalk, 10);
     EXPECT_EQ(open.keptAfterFirstWalk, 0);
@@ -125,6 +126,13 @@ TEST(PlainForm, KeptIndexRecordsChangeNoResultAndNoDeviceCall) {
         EXPECT_EQ(kept.reads[i].count, open.reads[i].count) << i;
     }
     EXPECT_GT(kept.results.front().size(), 3000u);
+}
+
+TEST(PlainForm, KeptIndexRecordsChangeNoResultAndNoDeviceCall) {
+    for (const bool compressed : {false, true}) {
+        SCOPED_TRACE(compressed);
+        CompareWithOpenRecords(RunSession(false, compressed));
+    }
 }
 
 }  // namespace
