@@ -83,33 +83,27 @@ unsigned int ListDirectory(CNTFSVolume* volume, const std::u16string& directory,
     return VisitDirectory(volume, directory, [entries](Entry&& entry) { entries->push_back(std::move(entry)); });
 }
 
-// Decimal `value` right-aligned in `width` characters (wider when it needs
-// more), as printf's %*lld does.
-void AppendNumber(std::string* line, long long value, int width) {
+// Decimal `magnitude` (with a minus sign when `negative`) filled to
+// `width` characters with `fill` in front: %*lld with ' ', %0*u with '0'.
+void AppendNumber(std::string* line, unsigned long long magnitude, bool negative, int width, char fill) {
     char digits[24];
     int length = 0;
-    unsigned long long magnitude = value < 0 ? 0ull - static_cast<unsigned long long>(value)
-                                             : static_cast<unsigned long long>(value);
     do {
         digits[length++] = static_cast<char>('0' + magnitude % 10);
         magnitude /= 10;
     } while (magnitude != 0);
-    if (value < 0) digits[length++] = '-';
-    for (int pad = width - length; pad > 0; --pad) line->push_back(' ');
+    if (negative) digits[length++] = '-';
+    line->append(static_cast<size_t>(width > length ? width - length : 0), fill);
     while (length > 0) line->push_back(digits[--length]);
 }
 
-// Zero-padded, as %02u and %04u.
-void AppendPadded(std::string* line, unsigned value, int width) {
-    char digits[12];
-    int length = 0;
-    do {
-        digits[length++] = static_cast<char>('0' + value % 10);
-        value /= 10;
-    } while (value != 0);
-    for (int pad = width - length; pad > 0; --pad) line->push_back('0');
-    while (length > 0) line->push_back(digits[--length]);
+void AppendSigned(std::string* line, long long value, int width) {
+    const bool negative = value < 0;
+    AppendNumber(line, negative ? 0ull - static_cast<unsigned long long>(value) : static_cast<unsigned long long>(value),
+                 negative, width, ' ');
 }
+
+void AppendPadded(std::string* line, unsigned value, int width) { AppendNumber(line, value, false, width, '0'); }
 
 // One line of a listing, put together by hand: a listing prints many.
 void PrintEntry(CNTFSVolume* volume, const Entry& entry, bool longFormat) {
@@ -122,7 +116,7 @@ void PrintEntry(CNTFSVolume* volume, const Entry& entry, bool longFormat) {
         volume->FileTimeToSystemTime(&time, &calendar);
         line.push_back(entry.directory ? 'd' : '-');
         line.push_back(' ');
-        AppendNumber(&line, static_cast<long long>(entry.size), 12);
+        AppendSigned(&line, static_cast<long long>(entry.size), 12);
         line.push_back(' ');
         AppendPadded(&line, calendar.wYear, 4);
         line.push_back('-');
@@ -136,7 +130,7 @@ void PrintEntry(CNTFSVolume* volume, const Entry& entry, bool longFormat) {
         line.push_back(':');
         AppendPadded(&line, calendar.wSecond, 2);
         line.push_back(' ');
-        AppendNumber(&line, static_cast<long long>(entry.record), 8);
+        AppendSigned(&line, static_cast<long long>(entry.record), 8);
         line.append("  ");
         line.append(Utf8(entry.name));
     } else {
