@@ -7,52 +7,53 @@
 namespace ntfs {
 
 void InitializeCriticalSection(CRITICAL_SECTION* section) {
-    std::lock_guard<std::mutex> hold(section->Guard);
-    section->Owner = std::thread::id();
+    section->Owner.store(std::thread::id());
     section->RecursionCount = 0;
-    section->LockCount = 0;
+    section->LockCount.store(0);
 }
 
 void DeleteCriticalSection(CRITICAL_SECTION*) {}
 
 void EnterCriticalSection(CRITICAL_SECTION* section) {
     const std::thread::id self = std::this_thread::get_id();
-    std::unique_lock<std::mutex> hold(section->Guard);
-    if (section->RecursionCount > 0 && section->Owner == self) {
+    if (section->Owner.load(std::memory_order_relaxed) == self) {
         ++section->RecursionCount;
         return;
     }
-    ++section->LockCount;
-    section->Released.wait(hold, [section] { return section->RecursionCount == 0; });
-    --section->LockCount;
-    section->Owner = self;
+    if (!section->Guard.try_lock()) {
+        section->LockCount.fetch_add(1);
+        section->Guard.lock();
+        section->LockCount.fetch_sub(1);
+    }
+    section->Owner.store(self, std::memory_order_relaxed);
     section->RecursionCount = 1;
 }
 
 int TryEnterCriticalSection(CRITICAL_SECTION* section) {
     const std::thread::id self = std::this_thread::get_id();
-    std::lock_guard<std::mutex> hold(section->Guard);
-    if (section->RecursionCount > 0 && section->Owner != self) return 0;
-    section->Owner = self;
-    ++section->RecursionCount;
+    if (section->Owner.load(std::memory_order_relaxed) == self) {
+        ++section->RecursionCount;
+        return 1;
+    }
+    if (!section->Guard.try_lock()) return 0;
+    section->Owner.store(self, std::memory_order_relaxed);
+    section->RecursionCount = 1;
     return 1;
 }
 
 void LeaveCriticalSection(CRITICAL_SECTION* section) {
-    std::lock_guard<std::mutex> hold(section->Guard);
-    if (section->RecursionCount == 0) return;
+    // Only the owner leaves; a leave without an entry changes nothing.
+    if (section->Owner.load(std::memory_order_relaxed) != std::this_thread::get_id() ||
+        section->RecursionCount == 0) {
+        return;
+    }
     if (--section->RecursionCount == 0) {
-        section->Owner = std::thread::id();
-        // Waiters count themselves under the guard before they wait, so
-        // with none counted there is nobody to wake.
-        if (section->LockCount > 0) section->Released.notify_one();
+        section->Owner.store(std::thread::id(), std::memory_order_relaxed);
+        section->Guard.unlock();
     }
 }
 
-int CriticalSectionWaiters(CRITICAL_SECTION* section) {
-    std::lock_guard<std::mutex> hold(section->Guard);
-    return section->LockCount;
-}
+int CriticalSectionWaiters(CRITICAL_SECTION* section) { return section->LockCount.load(); }
 
 namespace {
 

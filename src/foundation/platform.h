@@ -8,6 +8,7 @@
 // use; entering a deleted section is a programming error.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
@@ -23,12 +24,13 @@ using i64 = int64_t;
 
 // A recursive mutual exclusion that knows how many threads are queued for it,
 // which is what "refuse the lock when others are waiting" needs.
+// The owner's own entries touch only its fields; a first entry takes Guard
+// (one atomic operation when nobody holds it), a last leave gives it back.
 struct CRITICAL_SECTION {
-    std::mutex Guard;                 // protects the fields below for a moment
-    std::condition_variable Released; // signalled when RecursionCount drops to 0
-    std::thread::id Owner;            // owning thread, default id when free
-    int RecursionCount = 0;           // entries of the owner not yet left
-    int LockCount = 0;                // threads blocked in EnterCriticalSection
+    std::mutex Guard;                        // held by the owner from its first entry to its last leave
+    std::atomic<std::thread::id> Owner{};    // owning thread, default id when free
+    int RecursionCount = 0;                  // entries of the owner not yet left; the owner's alone
+    std::atomic<int> LockCount{0};           // threads blocked in EnterCriticalSection
 };
 
 void InitializeCriticalSection(CRITICAL_SECTION* section);
