@@ -57,6 +57,12 @@ void* Allocate(std::size_t size) { return std::malloc(size != 0 ? size : 1); }
 
 }  // namespace
 
+// The replaced operators pair malloc with free by design; once they are
+// inlined, GCC takes that for a mismatch of new and free.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
 void* operator new(std::size_t size) {
     void* block = FailThisAllocation() ? nullptr : Allocate(size);
     if (block == nullptr) throw std::bad_alloc();
