@@ -21,6 +21,7 @@
 namespace ntfs {
 
 class CFindHandle;
+class CAttribute;
 class CFullFileRecord;
 class CNTFSVolume;
 
@@ -35,7 +36,15 @@ public:
     // record, sizes, form, times. 0 or a code.
     [[nodiscard]] unsigned int Initialize(const char16_t* path);
     // Adds `clusters` clusters at the end of plain non-resident data.
+    // A piece that has filled its record spills into a new extension record;
+    // a failure gives back the clusters taken since the records were last
+    // written and returns the records to that state.
     [[nodiscard]] unsigned int AllocateClusters(unsigned int clusters);
+    // Puts the run (`lcn`, `take`) behind `attribute`, the last $DATA piece,
+    // in a new extension record: the piece moves there with the run when it
+    // shares its record, else a new piece starts with it. The records are
+    // written through the attribute list's rewrite.
+    [[nodiscard]] unsigned int SpillDataPiece(CAttribute* attribute, int64_t lcn, int take);
     // Reserves address space for compressed data to the next unit boundary;
     // *clusters in and out.
     [[nodiscard]] unsigned int ReserveCompressedClusters(unsigned int* clusters);

@@ -60,6 +60,8 @@ unsigned int CNTFSVolume::WriteGrownRecord(CFullFileRecord* record) {
         record->Revert();
         return LastError;
     }
+    // What is on disk now is what a later failed growth returns to.
+    record->Commit();
     return ERROR_SUCCESS;
 }
 
