@@ -206,7 +206,12 @@ unsigned int CFileHandle::AllocateClusters(unsigned int clusters) {
             continue;
         }
         if (code != ERROR_SUCCESS) return fail(code);
-        const int take = got < missing ? got : static_cast<int>(missing);
+        // The bitmap marks no more than was asked for, though the run it
+        // reports may be a few clusters longer: taking the reported length
+        // would map clusters that stay free, and the next allocation would
+        // hand them out again under data already written there.
+        int take = got < wanted ? got : wanted;
+        if (take > missing) take = static_cast<int>(missing);
         taken.emplace_back(lcn, take);
         CAttribute* appended = nullptr;
         code = attribute->AppendRun(lcn, take, &appended);

@@ -210,3 +210,60 @@ TEST(RecordAllocation, ForeignAttributeListIsRewrittenAsTheFileGrows) {
 
 }  // namespace
 }  // namespace ntfs
+
+namespace ntfs {
+namespace {
+
+// Appends `chunk`-byte pieces until a write fails; returns the failure code
+// and leaves in `content` what the file must hold.
+unsigned int AppendUntilFull(CNTFSVolume* volume, const char16_t* path, std::vector<uint8_t>* content, int chunk) {
+    void* handle = volume->CreateFileA(path, 0, kOpenExisting, kReadWrite);
+    EXPECT_NE(handle, nullptr) << volume->GetLastError();
+    unsigned int low = 0;
+    EXPECT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileEnd), 0u);
+    std::vector<uint8_t> piece(static_cast<size_t>(chunk));
+    unsigned int code = ERROR_SUCCESS;
+    for (int round = 0; round < 100000; ++round) {
+        for (size_t i = 0; i < piece.size(); ++i) piece[i] = static_cast<uint8_t>((content->size() + i) * 13 + round);
+        int done = 0;
+        const int result = volume->WriteFile(handle, piece.data(), chunk, &done);
+        content->insert(content->end(), piece.begin(), piece.begin() + done);
+        if (!result || done != chunk) {
+            code = volume->GetLastError();
+            break;
+        }
+    }
+    CloseTolerantOfOtherNames(volume, handle);
+    return code;
+}
+
+// A volume that runs full in the middle of a growth: the write fails with
+// 39, the clusters it had taken go back, and the file holds exactly the
+// bytes written before, at their offsets, also after remount.
+TEST(RecordAllocation, GrowthThatRunsOutOfSpaceGivesEverythingBack) {
+    for (const int chunk : {65536, 3 * 65536 + 1000}) {
+        SCOPED_TRACE(chunk);
+        MountedVolume mounted("c512");
+        ASSERT_EQ(mounted.Mount(), 1);
+        CNTFSVolume* volume = mounted.Volume();
+        std::vector<uint8_t> content = ReadAll(volume, u"\\frag\\fragmented-A.txt");
+        EXPECT_EQ(AppendUntilFull(volume, u"\\frag\\fragmented-A.txt", &content, chunk), ERROR_HANDLE_DISK_FULL);
+        ExpectAudited(volume);
+        const std::string sha = test::Sha256Hex(content.data(), content.size());
+        const std::vector<uint8_t> read = ReadAll(volume, u"\\frag\\fragmented-A.txt");
+        EXPECT_EQ(read.size(), content.size());
+        EXPECT_EQ(test::Sha256Hex(read.data(), read.size()), sha);
+        const std::string image = mounted.UnmountToFile();
+        const std::string cat = Tool("ntfscat -i 106 " + test::ShellQuote(image) + " 2>/dev/null");
+        EXPECT_EQ(test::Sha256Hex(cat.data(), cat.size()), sha);
+        EXPECT_EQ(test::RunTool("ntfsfix -n " + test::ShellQuote(image)).status, 0);
+        MountedVolume again(LoadImageFile(image));
+        ASSERT_EQ(again.Mount(), 1);
+        ExpectAudited(again.Volume());
+        const std::vector<uint8_t> remounted = ReadAll(again.Volume(), u"\\frag\\fragmented-A.txt");
+        EXPECT_EQ(test::Sha256Hex(remounted.data(), remounted.size()), sha);
+    }
+}
+
+}  // namespace
+}  // namespace ntfs
