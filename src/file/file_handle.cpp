@@ -42,7 +42,8 @@ CFileHandle::CFileHandle(CFindHandle* findHandle, CNTFSVolume* volume, unsigned 
       Compressed(0),
       StreamName{},
       StreamNameLength(0),
-      Deleted(0) {}
+      Deleted(0),
+      UnwrittenRuns() {}
 
 CFileHandle::~CFileHandle() {
     std::free(Path);
@@ -171,6 +172,7 @@ unsigned int CFileHandle::AllocateClusters(unsigned int clusters) {
     if (start * clusterSize > AllocatedSize || (last + 1) * clusterSize < AllocatedSize) {
         return ERROR_FILE_CORRUPT;
     }
+    UnwrittenRuns.clear();
     if (clusters == 0) return ERROR_SUCCESS;
     int64_t missing = clusters;
     int wanted = static_cast<int>(clusters);
@@ -235,10 +237,12 @@ unsigned int CFileHandle::AllocateClusters(unsigned int clusters) {
         missing -= take;
         if (wanted > missing) wanted = static_cast<int>(missing);
     }
+    UnwrittenRuns = std::move(taken);
     return ERROR_SUCCESS;
 }
 
 unsigned int CFileHandle::ReserveCompressedClusters(unsigned int* clusters) {
+    UnwrittenRuns.clear();
     CAttribute* first = FileRecord->FindAttribute(AttributeData, nullptr, 0, 0);
     CAttribute* last = LastDataPiece(FileRecord);
     if (first == nullptr || last == nullptr || first->IsResident()) return ERROR_FILE_CORRUPT;

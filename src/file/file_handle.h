@@ -13,6 +13,8 @@
 #pragma once
 
 #include <cstdint>
+#include <utility>
+#include <vector>
 
 #include "foundation/platform.h"
 #include "foundation/share_element.h"
@@ -69,6 +71,10 @@ public:
     char16_t StreamName[256];
     int StreamNameLength;
     int Deleted;
+    // (LCN, count) of the clusters the last AllocateClusters took and the
+    // records on disk do not map yet: given back when the record write that
+    // follows a growth fails.
+    std::vector<std::pair<int64_t, int>> UnwrittenRuns;
 };
 
 }  // namespace ntfs

@@ -147,9 +147,14 @@ int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done
         first->Mark();
         record->MarkModified();
         if (WriteGrownRecord(record) != ERROR_SUCCESS) {
+            // The record is back as it was last written; clusters that only
+            // the lost image mapped are given back.
+            for (auto& run : file->UnwrittenRuns) (void)FreeClusters(&run.first, run.second);
+            file->UnwrittenRuns.clear();
             record->UnlockExclusive();
             return 0;
         }
+        file->UnwrittenRuns.clear();
         file->AllocatedSize += grown;
         record->UnlockExclusive();
     }
