@@ -151,6 +151,9 @@ unsigned int CFullFileRecord::AddExtensionRecord(CFileRecord* record) {
     }
     WriteU64(record->Image, kFileBaseReferenceOffset, reference);
     record->IsBase = 0;
+    // Its own mark is what gets it written with the reference: the record
+    // has no owner to carry the mark of its attributes.
+    record->Modified = 1;
     ExtensionRecords.InsertAfter(ExtensionRecords.GetCount(), record);
     RebuildMergedTable();
     const unsigned int code = RebuildAttributeList();
