@@ -153,11 +153,7 @@ unsigned int CFileHandle::SpillDataPiece(CAttribute* attribute, int64_t lcn, int
     delete piece;
     if (code == ERROR_SUCCESS) code = FileRecord->AddExtensionRecord(extension);
     if (code != ERROR_SUCCESS) {
-        CFileRecordBitmap* bitmap = Volume->GetMftBitmap();
-        int64_t index = extension->RecordNumber;
-        bitmap->Mft->LockExclusive();
-        (void)bitmap->ReleaseRecord(&index);
-        bitmap->Mft->UnlockExclusive();
+        (void)Volume->DeleteFileRecordFromMFT(extension->RecordNumber);
         delete extension;
     }
     return code;

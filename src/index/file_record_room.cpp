@@ -4,7 +4,6 @@
 // exclusive lock, inside the retry of InsertEntry.
 #include <new>
 
-#include "data/bitmap_data.h"
 #include "foundation/endian.h"
 #include "foundation/log.h"
 #include "index/directory.h"
@@ -101,11 +100,7 @@ unsigned int CDirectory::AdjustFileRecord() {
             return ERROR_SUCCESS;
         }
     }
-    CFileRecordBitmap* bitmap = Volume->GetMftBitmap();
-    int64_t index = record->RecordNumber;
-    bitmap->Mft->LockExclusive();
-    (void)bitmap->ReleaseRecord(&index);
-    bitmap->Mft->UnlockExclusive();
+    (void)Volume->DeleteFileRecordFromMFT(record->RecordNumber);
     delete record;
     return code;
 }

@@ -10,7 +10,6 @@
 #include <cstring>
 #include <new>
 
-#include "data/bitmap_data.h"
 #include "foundation/endian.h"
 #include "foundation/log.h"
 #include "record/full_file_record.h"
@@ -36,13 +35,7 @@ int NameLengthOf(const CAttribute* attribute) {
 
 // Gives a record taken for this file back to the MFT and destroys it.
 void GiveBackRecord(CNTFSVolume* volume, CFileRecord* record) {
-    CFileRecordBitmap* bitmap = volume->GetMftBitmap();
-    if (bitmap != nullptr) {
-        int64_t index = record->RecordNumber;
-        bitmap->Mft->LockExclusive();
-        (void)bitmap->ReleaseRecord(&index);
-        bitmap->Mft->UnlockExclusive();
-    }
+    (void)volume->DeleteFileRecordFromMFT(record->RecordNumber);
     record->Modified = 0;
     delete record;
 }
