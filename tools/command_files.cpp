@@ -269,7 +269,7 @@ int CommandWrite(const Options& options) {
         } else {
             status = 0;
             unsigned int low = 0;
-            if (append) volume->SetFilePointer(file, &low, nullptr, 2);
+            if (append) volume->SetFilePointer(file, &low, nullptr, kFileEnd);
             std::vector<char> buffer(kChunk);
             size_t got;
             while (status == 0 && (got = std::fread(buffer.data(), 1, buffer.size(), source)) > 0) {

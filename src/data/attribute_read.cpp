@@ -21,8 +21,6 @@ namespace {
 
 // Flags of a non-resident attribute: a compression method in the low byte,
 // 0x8000 for sparse data.
-constexpr uint16_t kCompressionMask = 0x00FF;
-constexpr uint16_t kUnitFlagsMask = 0x80FF;
 // Bounds that valid attributes never reach: the compression unit exponent and
 // the pieces an attribute may be split into.
 constexpr int kMaxCompressionUnitExponent = 8;
@@ -156,7 +154,8 @@ unsigned int CFullFileRecord::ReadUnitReportingDevice(_RUN_CURSOR* cursor, uint3
             int64_t clusters = static_cast<uint32_t>(cursor->RunLength - cursor->RunOffset);
             const int64_t wantedClusters = remaining / static_cast<uint32_t>(clusterSize);
             if (wantedClusters < clusters) clusters = wantedClusters;
-            int64_t sector = (cursor->Lcn + cursor->RunOffset) * sectorsPerCluster;
+            int64_t sector = 0;
+            if (!CursorSector(*cursor, sectorsPerCluster, &sector)) return ERROR_FILE_CORRUPT;
             int done = 0;
             const unsigned int code =
                 volume->ReadSector(out, &sector, static_cast<int>(clusters * sectorsPerCluster), &done, nullptr);
@@ -220,7 +219,7 @@ unsigned int CFullFileRecord::ReadAttribute(uint32_t type, const char16_t* name,
     cursor.NameLength = nameLength;
     const uint16_t flags = AttributeFlags(attribute);
     uint32_t unit = static_cast<uint32_t>(ClusterSize);
-    if (flags & kUnitFlagsMask) {
+    if (flags & kAttributeUnitFlagsMask) {
         const int exponent = ReadU8(attribute->Header, kNonResidentCompressionUnitOffset);
         if (exponent > kMaxCompressionUnitExponent) return ERROR_FILE_CORRUPT;
         unit = (1u << exponent) * static_cast<uint32_t>(ClusterSize);
@@ -251,7 +250,7 @@ unsigned int CFullFileRecord::ReadAttribute(uint32_t type, const char16_t* name,
         code = ReadUnitReportingDevice(&cursor, unit, raw, &rawRead, &compressed, &deviceCode);
         const uint8_t* source;
         int64_t length;
-        if ((flags & kCompressionMask) != 0 && compressed) {
+        if ((flags & kAttributeCompressionMask) != 0 && compressed) {
             int32_t finalSize = 0;
             DecompressBuffer(expanded, unit, raw, static_cast<int32_t>(rawRead), &finalSize);
             length = finalSize < 0 ? 0 : finalSize;

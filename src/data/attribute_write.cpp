@@ -18,8 +18,6 @@
 namespace ntfs {
 
 namespace {
-constexpr uint16_t kCompressionMask = 0x00FF;
-constexpr uint16_t kSparseFlag = 0x8000;
 }  // namespace
 
 unsigned int CFullFileRecord::WriteAttribute(uint32_t type, const char16_t* name, uint32_t nameLength,
@@ -41,7 +39,7 @@ unsigned int CFullFileRecord::WriteAttribute(uint32_t type, const char16_t* name
         return ERROR_SUCCESS;
     }
     const uint16_t flags = ReadU16(attribute->Header, kAttributeFlagsOffset);
-    if ((flags & kCompressionMask) != 0 || flags >= kSparseFlag) {
+    if ((flags & kAttributeCompressionMask) != 0 || flags >= kAttributeSparse) {
         // Rewriting compression units and filling holes is not built yet.
         return ERROR_NOT_SUPPORTED;
     }
@@ -78,7 +76,11 @@ unsigned int CFullFileRecord::WritePlainAttribute(uint32_t type, const char16_t*
             code = AdvanceRunCursor(&cursor);
             if (code != ERROR_SUCCESS) return code;
         }
-        int64_t sector = (cursor.Lcn + cursor.RunOffset) * ClusterSectors + sectorInCluster;
+        int64_t sector = 0;
+        if (!CursorSector(cursor, ClusterSectors, &sector) || sector > INT64_MAX - sectorInCluster) {
+            return ERROR_FILE_CORRUPT;
+        }
+        sector += sectorInCluster;
         int written = 0;
         uint32_t bytesDone;
         if (inSector != 0 || remaining < static_cast<uint32_t>(sectorSize)) {
@@ -92,7 +94,11 @@ unsigned int CFullFileRecord::WritePlainAttribute(uint32_t type, const char16_t*
             code = volume->WriteSector(volume->SectorScratch, &sector, 1, &written, nullptr);
         } else {
             int64_t sectors = remaining / static_cast<uint32_t>(sectorSize);
-            const int64_t inRun = (cursor.RunLength - cursor.RunOffset) * ClusterSectors - sectorInCluster;
+            // A run longer than any write (only a damaged list has one of
+            // 2^31 clusters) holds the whole rest of it.
+            const int64_t clustersLeft = cursor.RunLength - cursor.RunOffset;
+            const int64_t inRun =
+                clustersLeft > INT32_MAX ? INT64_MAX : clustersLeft * ClusterSectors - sectorInCluster;
             if (inRun < sectors) sectors = inRun;
             code = volume->WriteSector(const_cast<uint8_t*>(source), &sector, static_cast<int>(sectors),
                                        &written, nullptr);

@@ -170,6 +170,10 @@ unsigned int CBitmapData::AllocateUnits(int wanted, int64_t* start, int* got, in
 unsigned int CBitmapData::FreeUnits(int64_t* start, uint32_t count) {
     LogMessage("Free Item %X%08XH, Size %XH.\n", static_cast<uint32_t>(*start >> 32),
                static_cast<uint32_t>(*start), count);
+    // Items before the first or whose end passes the largest number have no
+    // bits: a negative item would land in the first byte and clear the bits
+    // of others. Nothing changes.
+    if (*start < 0 || *start > INT64_MAX - static_cast<int64_t>(count)) return ERROR_INVALID_PARAMETER;
     int64_t item = *start;
     unsigned int code = LoadUnit(&item);
     if (code != ERROR_SUCCESS) return code;

@@ -55,6 +55,8 @@ public:
     [[nodiscard]] unsigned int AllocateUnits(int wanted, int64_t* start, int* got,
                                              int ignoreExclusions);
     // Clears `count` bits at `*start` (whether set or not) and writes through.
+    // ERROR_INVALID_PARAMETER, nothing changed, for a negative start or an end
+    // past the largest item number.
     [[nodiscard]] unsigned int FreeUnits(int64_t* start, uint32_t count);
     // Writes the cached unit back if it is dirty; Dirty is cleared whatever
     // the write gave.

@@ -51,26 +51,45 @@ unsigned int CNTFSVolume::SearchSpareClusterAndAllocateWithLeastItemNumber(int w
 
 unsigned int CNTFSVolume::FreeClusters(int64_t* start, int count) {
     if (ClusterBitmap == nullptr) return ERROR_INTERNAL_ERROR;
+    // Clusters outside the volume come only from damaged run lists; their
+    // bits are not touched.
+    if (*start < 0 || count < 0 || *start > ClusterBitmap->GetItemCount() - count) {
+        return ERROR_INVALID_PARAMETER;
+    }
     return ClusterBitmap->FreeUnits(start, static_cast<uint32_t>(count));
 }
 
 unsigned int CNTFSVolume::FreeAttributeClusters(CAttribute* attribute) {
     // Whatever the frees report, the attribute's clusters are given up: 0.
-    if (attribute->IsResident()) return ERROR_SUCCESS;
+    if (attribute->IsResident() || ClusterBitmap == nullptr) return ERROR_SUCCESS;
     const int runListOffset = ReadU16(attribute->Header, kNonResidentRunListOffsetOffset);
-    int64_t lcn = 0;
-    for (int position = runListOffset;;) {
-        _DATA_RUN run{};
-        if (DecodeDataRun(attribute->Header, position, attribute->Size, &run) != 1) return ERROR_SUCCESS;
-        lcn += run.Offset;
-        // A sparse run owns no clusters; freeing its length at the previous
-        // run's place would free clusters of other files.
-        if (run.OffsetBytes != 0 && run.Length > 0) {
-            int64_t start = lcn;
-            (void)FreeClusters(&start, static_cast<int>(run.Length));
+    const int64_t clusters = ClusterBitmap->GetItemCount();
+    // Two walks: the first proves that the list is whole and every run lies
+    // inside the volume, the second frees. A run of a damaged list outside
+    // the volume would give the bits of other clusters free, so a damaged
+    // list frees nothing at all.
+    for (int pass = 0; pass < 2; ++pass) {
+        int64_t lcn = 0;
+        for (int position = runListOffset;;) {
+            _DATA_RUN run{};
+            const int decoded = DecodeDataRun(attribute->Header, position, attribute->Size, &run);
+            if (decoded < 0) return ERROR_FILE_CORRUPT;
+            if (decoded == 0) break;
+            position += run.Bytes;
+            // A sparse run owns no clusters; freeing its length at the previous
+            // run's place would free clusters of other files.
+            if (run.OffsetBytes == 0) continue;
+            if (run.Offset < -lcn || run.Offset > clusters - lcn) return ERROR_FILE_CORRUPT;
+            lcn += run.Offset;
+            if (run.Length <= 0) continue;
+            if (run.Length > clusters - lcn) return ERROR_FILE_CORRUPT;
+            if (pass == 1) {
+                int64_t start = lcn;
+                (void)FreeClusters(&start, static_cast<int>(run.Length));
+            }
         }
-        position += run.Bytes;
     }
+    return ERROR_SUCCESS;
 }
 
 }  // namespace ntfs

@@ -6,7 +6,8 @@
 // Callers hold the exclusive lock of the record that holds the attribute.
 #include <cstdlib>
 #include <cstring>
-#include <vector>
+#include <memory>
+#include <new>
 
 #include "data/bitmap_data.h"
 #include "foundation/endian.h"
@@ -21,20 +22,24 @@ namespace ntfs {
 
 namespace {
 
-constexpr uint16_t kCompressionMask = 0x00FF;
-// The compressed or sparse form starts as one sparse unit of 16 clusters.
-constexpr int kStartUnitExponent = 4;
-constexpr int kStartUnitClusters = 1 << kStartUnitExponent;
-
 struct ClusterRun {
     int64_t lcn;
     int count;
 };
 
-void FreeRuns(CNTFSVolume* volume, const std::vector<ClusterRun>& runs) {
-    for (auto run = runs.rbegin(); run != runs.rend(); ++run) {
-        int64_t start = run->lcn;
-        (void)volume->FreeClusters(&start, run->count);
+// Puts the image of `original` back over `attribute`, its converted form in
+// the same record: the size first, then the bytes.
+void PutBack(CAttribute* attribute, const CAttribute& original) {
+    CAttribute* resized = nullptr;
+    if (attribute->SetSize(original.Size, &resized) != ERROR_SUCCESS) return;
+    std::memcpy(attribute->Header, original.Header, static_cast<size_t>(original.Size));
+    attribute->Mark();
+}
+
+void FreeRuns(CNTFSVolume* volume, const ClusterRun* runs, int count) {
+    for (int i = count - 1; i >= 0; --i) {
+        int64_t start = runs[i].lcn;
+        (void)volume->FreeClusters(&start, runs[i].count);
     }
 }
 
@@ -54,13 +59,22 @@ unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
     const int valueLength = static_cast<int>(attribute->GetDataSize());
     const uint32_t type = attribute->GetType();
 
-    if ((flags & 0x8000) != 0 || (flags & kCompressionMask) != 0) {
+    if ((flags & kAttributeUnitFlagsMask) != 0) {
         // Compressed or sparse: one sparse unit, then the value is written
         // through the compressing write path, which allocates what it needs.
-        std::vector<uint8_t> saved(attribute->GetValue(), attribute->GetValue() + valueLength);
-        std::vector<char16_t> name(static_cast<size_t>(nameLength));
-        for (int i = 0; i < nameLength; ++i) name[static_cast<size_t>(i)] = attribute->GetNameUnit(i);
-        const int size = (nameLength * 2 + 0x52) & ~7;
+        std::unique_ptr<uint8_t[]> saved(new (std::nothrow) uint8_t[valueLength > 0 ? valueLength : 1]);
+        if (saved == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+        // When that write fails, the value would be left converted and empty,
+        // and the next write of the record would lose the file's data: the
+        // attribute as it was is put back instead.
+        std::unique_ptr<CAttribute> original(attribute->Clone());
+        if (original == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+        std::memcpy(saved.get(), attribute->GetValue(), static_cast<size_t>(valueLength));
+        char16_t name[kMaxAttributeNameLength];
+        for (int i = 0; i < nameLength; ++i) name[i] = attribute->GetNameUnit(i);
+        const uint8_t sparseUnit[3] = {0x01, kDefaultCompressionUnitClusters, 0x00};
+        const int runOffset = kCompressedNonResidentHeaderSize + nameLength * 2;
+        const int size = (runOffset + static_cast<int>(sizeof(sparseUnit)) + 7) & ~7;
         CAttribute* resized = nullptr;
         unsigned int code = attribute->SetSize(size, &resized);
         if (code != ERROR_SUCCESS) return code;
@@ -71,25 +85,34 @@ unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
         WriteU32(header, kAttributeLengthOffset, static_cast<uint32_t>(size));
         WriteU8(header, kAttributeNonResidentOffset, 1);
         WriteU8(header, kAttributeNameLengthOffset, static_cast<uint8_t>(nameLength));
-        WriteU16(header, kAttributeNameOffsetOffset, nameLength > 0 ? 0x48 : 0);
+        WriteU16(header, kAttributeNameOffsetOffset, nameLength > 0 ? kCompressedNonResidentHeaderSize : 0);
         WriteU16(header, kAttributeFlagsOffset, flags);
         WriteU64(header, kNonResidentLowestVcnOffset, 0);
-        WriteU64(header, kNonResidentHighestVcnOffset, kStartUnitClusters - 1);
-        const int runOffset = (nameLength + 0x24) * 2;
+        WriteU64(header, kNonResidentHighestVcnOffset, kDefaultCompressionUnitClusters - 1);
         WriteU16(header, kNonResidentRunListOffsetOffset, static_cast<uint16_t>(runOffset));
-        WriteU8(header, kNonResidentCompressionUnitOffset, kStartUnitExponent);
-        WriteU64(header, kNonResidentAllocatedSizeOffset, static_cast<uint64_t>(clusterSize) << kStartUnitExponent);
-        for (int i = 0; i < nameLength; ++i) WriteU16(header, 0x48 + 2 * i, name[static_cast<size_t>(i)]);
-        const uint8_t sparseUnit[3] = {0x01, kStartUnitClusters, 0x00};
+        WriteU8(header, kNonResidentCompressionUnitOffset, kDefaultCompressionUnitExponent);
+        WriteU64(header, kNonResidentAllocatedSizeOffset,
+                 static_cast<uint64_t>(clusterSize) << kDefaultCompressionUnitExponent);
+        for (int i = 0; i < nameLength; ++i) {
+            WriteU16(header, kCompressedNonResidentHeaderSize + 2 * i, name[i]);
+        }
         std::memcpy(header + runOffset, sparseUnit, sizeof(sparseUnit));
         attribute->Mark();
-        if (Owner == nullptr) return ERROR_INTERNAL_ERROR;
+        if (Owner == nullptr) {
+            PutBack(attribute, *original);
+            return ERROR_INTERNAL_ERROR;
+        }
         int64_t offset = 0;
         uint32_t written = 0;
-        code = Owner->WriteAttribute(type, nameLength > 0 ? name.data() : nullptr, static_cast<uint32_t>(nameLength),
-                                     &offset, static_cast<uint32_t>(saved.size()), saved.data(), &written);
-        if (code != ERROR_SUCCESS) return code;
-        CAttribute* again = Owner->FindAttribute(type, nameLength > 0 ? name.data() : nullptr,
+        code = Owner->WriteAttribute(type, nameLength > 0 ? name : nullptr, static_cast<uint32_t>(nameLength),
+                                     &offset, static_cast<uint32_t>(valueLength), saved.get(), &written);
+        if (code != ERROR_SUCCESS) {
+            CAttribute* converted = Owner->FindAttribute(type, nameLength > 0 ? name : nullptr,
+                                                         static_cast<unsigned int>(nameLength), 0);
+            if (converted != nullptr) PutBack(converted, *original);
+            return code;
+        }
+        CAttribute* again = Owner->FindAttribute(type, nameLength > 0 ? name : nullptr,
                                                  static_cast<unsigned int>(nameLength), 0);
         if (again != nullptr) {
             WriteU64(again->Header, kNonResidentDataSizeOffset, written);
@@ -107,16 +130,22 @@ unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
     std::memcpy(buffer, attribute->GetValue(), static_cast<size_t>(valueLength));
     const int needed = (bytes + clusterSize - 1) / clusterSize;
 
-    std::vector<ClusterRun> runs;
+    // Each allocation gives at least one cluster, so `needed` pairs suffice.
+    std::unique_ptr<ClusterRun[]> runs(new (std::nothrow) ClusterRun[needed]);
+    if (runs == nullptr) {
+        std::free(buffer);
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
+    int runCount = 0;
     unsigned int code = ERROR_SUCCESS;
     for (int missing = needed; missing > 0;) {
         int64_t lcn = 0;
         int got = 0;
         code = Volume->SearchSpareClusterAndAllocate(missing, &lcn, &got, 0);
-        if (code == ERROR_SUCCESS && got == 0) code = ERROR_HANDLE_DISK_FULL;
+        if (code == ERROR_SUCCESS && got <= 0) code = ERROR_HANDLE_DISK_FULL;
         if (code != ERROR_SUCCESS) break;
         if (got > missing) got = missing;
-        runs.push_back({lcn, got});
+        runs[runCount++] = {lcn, got};
         missing -= got;
     }
     if (code == ERROR_SUCCESS) {
@@ -124,9 +153,9 @@ unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
         // into each run.
         const int sectorsPerCluster = Volume->GetClusterSectors();
         const int recordSectors = recordSize / Volume->GetSectorSize();
-        for (const ClusterRun& run : runs) {
-            int64_t sector = run.lcn * sectorsPerCluster;
-            int count = run.count * sectorsPerCluster;
+        for (int i = 0; i < runCount; ++i) {
+            int64_t sector = runs[i].lcn * sectorsPerCluster;
+            int count = runs[i].count * sectorsPerCluster;
             if (count > recordSectors) count = recordSectors;
             int done = 0;
             code = Volume->WriteSector(buffer, &sector, count, &done, nullptr);
@@ -136,7 +165,7 @@ unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
     uint8_t runBytes[kMaxEncodedRunSize];
     int runSize = 0;
     if (code == ERROR_SUCCESS) {
-        runSize = EncodeDataRun(needed, runs.back().lcn, runBytes);
+        runSize = EncodeDataRun(needed, runs[runCount - 1].lcn, runBytes);
         // The run list starts where the non-resident form puts it (behind the
         // name, aligned to 4), so the attribute must reach that far too.
         const int runListOffset = (nameLength * 2 + 3 + kNonResidentHeaderSize) & ~3;
@@ -146,7 +175,7 @@ unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
         code = attribute->SetSize(size, &resized);
     }
     if (code != ERROR_SUCCESS) {
-        FreeRuns(Volume, runs);
+        FreeRuns(Volume, runs.get(), runCount);
         std::free(buffer);
         return code;
     }
@@ -201,9 +230,12 @@ unsigned int CBitmapData::Resize(uint32_t items) {
     const int64_t oldInitialized = ReadI64(attribute->Header, kNonResidentInitializedSizeOffset);
     const int clusterSize = Volume->GetClusterSize();
     int64_t allocated = ReadI64(attribute->Header, kNonResidentAllocatedSizeOffset);
+    // One zeroed unit serves the new clusters and the tail of the initialized
+    // part; it is taken before anything changes.
+    const int zeroBytes = UnitSize > clusterSize ? UnitSize : clusterSize;
+    auto* zeros = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(zeroBytes), 1));
+    if (zeros == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     if (allocated < newSize) {
-        auto* zeros = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(UnitSize), 1));
-        if (zeros == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
         while (allocated < newSize) {
             const int count = static_cast<int>((newSize - allocated + UnitSize - 1) / UnitSize);
             int64_t lcn = 0;
@@ -241,9 +273,11 @@ unsigned int CBitmapData::Resize(uint32_t items) {
             allocated += static_cast<int64_t>(got) * clusterSize;
             last->Mark();
         }
-        std::free(zeros);
         attribute = Owner->FindAttribute(AttributeType, AttributeName, NameLength, 0);
-        if (attribute == nullptr) return ERROR_INTERNAL_ERROR;
+        if (attribute == nullptr) {
+            std::free(zeros);
+            return ERROR_INTERNAL_ERROR;
+        }
     }
     WriteU64(attribute->Header, kNonResidentAllocatedSizeOffset, static_cast<uint64_t>(allocated));
     WriteU64(attribute->Header, kNonResidentDataSizeOffset, static_cast<uint64_t>(newSize));
@@ -252,12 +286,17 @@ unsigned int CBitmapData::Resize(uint32_t items) {
     Owner->MarkModified();
     int64_t clusterEnd = (oldInitialized / clusterSize + 1) * clusterSize;
     if (clusterEnd > newSize) clusterEnd = newSize;
-    if (clusterEnd <= oldInitialized) return ERROR_SUCCESS;
-    std::vector<uint8_t> zeros(static_cast<size_t>(clusterEnd - oldInitialized), 0);
+    if (clusterEnd <= oldInitialized) {
+        std::free(zeros);
+        return ERROR_SUCCESS;
+    }
     int64_t offset = oldInitialized;
     uint32_t written = 0;
-    return Owner->WriteAttribute(AttributeType, AttributeName, NameLength, &offset,
-                                 static_cast<uint32_t>(zeros.size()), zeros.data(), &written);
+    const unsigned int code = Owner->WriteAttribute(AttributeType, AttributeName, NameLength, &offset,
+                                                    static_cast<uint32_t>(clusterEnd - oldInitialized), zeros,
+                                                    &written);
+    std::free(zeros);
+    return code;
 }
 
 }  // namespace ntfs

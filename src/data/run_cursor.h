@@ -36,4 +36,13 @@ struct _RUN_CURSOR {
     const uint8_t* RunLimit;
 };
 
+// The first sector of the cluster the cursor stands on: (Lcn + RunOffset)
+// times `sectorsPerCluster`. False when a damaged run list puts it beyond
+// what 64 bits hold.
+inline bool CursorSector(const _RUN_CURSOR& cursor, int64_t sectorsPerCluster, int64_t* sector) {
+    int64_t cluster = 0;
+    return !__builtin_add_overflow(cursor.Lcn, cursor.RunOffset, &cluster) &&
+           !__builtin_mul_overflow(cluster, sectorsPerCluster, sector);
+}
+
 }  // namespace ntfs

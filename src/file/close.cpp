@@ -26,7 +26,7 @@ constexpr int kRefreshFrom = 0x08;
 constexpr int kRefreshTo = 0x40;
 
 bool ValueHolds(CAttribute* attribute, int offset, int bytes) {
-    return attribute->IsResident() && attribute->GetValue() != nullptr &&
+    return attribute->IsResident() && attribute->BodyFits() &&
            attribute->GetDataSize() >= offset + bytes;
 }
 
@@ -46,8 +46,8 @@ unsigned int CFileHandle::UpdateIndexEntries(int64_t* accessTime, int64_t* write
     }
     // The times, then the base record and its modified extension records.
     int64_t changed = 0;
-    if (!Volume->UpdateFileRecord(record, accessTime, writeTime, &changed)) return Volume->GetLastError();
-    unsigned int code = ERROR_SUCCESS;
+    unsigned int code = Volume->WriteChangedRecord(record, accessTime, writeTime, &changed);
+    if (code != ERROR_SUCCESS) return code;
 
     FindHandle->LockExclusive();
     for (unsigned int index = 0; code == ERROR_SUCCESS; ++index) {
@@ -88,9 +88,13 @@ int CNTFSVolume::CloseFileHandle(void* handle) {
         LastError = ERROR_INVALID_HANDLE;
         return 0;
     }
+    // Each step's code decides by itself; LastError, which every thread of the
+    // volume shares, only receives it.
+    unsigned int code = ERROR_SUCCESS;
     if (file->AccessMode & kAccessDeleteOnClose) {
-        LastError = DeleteFile(file);
-        file->Deleted = LastError == ERROR_SUCCESS ? 1 : 0;
+        code = DeleteFile(file);
+        LastError = code;
+        file->Deleted = code == ERROR_SUCCESS ? 1 : 0;
     } else {
         CFullFileRecord* record = file->FileRecord;
         record->LockExclusive();
@@ -113,16 +117,17 @@ int CNTFSVolume::CloseFileHandle(void* handle) {
 
         record->LockExclusive();
         int64_t changed = 0;
-        UpdateFileRecord(record, nullptr, nullptr, &changed);
-        if (LastError == ERROR_SUCCESS) {
-            LastError = file->UpdateIndexEntries(&accessTime.QuadPart, &writeTime.QuadPart);
+        code = WriteChangedRecord(record, nullptr, nullptr, &changed);
+        if (code == ERROR_SUCCESS) {
+            code = file->UpdateIndexEntries(&accessTime.QuadPart, &writeTime.QuadPart);
+            LastError = code;
             file->Modified = 0;
             record->ClearModified();
         }
         record->UnlockExclusive();
     }
     file->Release();
-    return LastError == ERROR_SUCCESS ? 1 : 0;
+    return code == ERROR_SUCCESS ? 1 : 0;
 }
 
 }  // namespace ntfs

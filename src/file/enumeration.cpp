@@ -20,8 +20,6 @@ namespace ntfs {
 
 namespace {
 
-constexpr int64_t kRootDirectory = 5;
-constexpr int64_t kFirstUserRecord = 12;
 constexpr int kMaxComponentUnits = 256;
 
 CFindHandle* AsFindHandle(CChainElement* element) {
@@ -58,7 +56,7 @@ void* CNTFSVolume::FindFirstFileA(const char16_t* path, _FIND_FILE_DATA* data) {
     for (int i = 0; i <= length; ++i) {
         folded[i] = FoldUnit(path[i]);
     }
-    int64_t directoryNumber = kRootDirectory;
+    int64_t directoryNumber = kRootDirectoryRecord;
     int position = 1;
     int separator = 0;  // the backslash in front of the component
     for (;;) {

@@ -4,8 +4,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <utility>
-#include <vector>
 
 #include "data/bitmap_data.h"
 #include "file/find_handle.h"
@@ -20,8 +18,12 @@
 namespace ntfs {
 
 namespace {
-constexpr uint16_t kUnitFlagsMask = 0x80FF;
 constexpr int kMaxShortRetries = 64;
+// Bounds valid compressed data stays far below: the compression unit exponent
+// (4 on every volume) and an allocated size that leaves room for rounding up
+// to a whole unit.
+constexpr int kMaxCompressionUnitExponent = 8;
+constexpr int64_t kLargestAllocatedSize = INT64_MAX / 2;
 }  // namespace
 
 CFileHandle::CFileHandle(CFindHandle* findHandle, CNTFSVolume* volume, unsigned int accessMode)
@@ -67,7 +69,11 @@ unsigned int CFileHandle::Initialize(const char16_t* path) {
     if (item == nullptr) return ERROR_FILE_NOT_FOUND;
     const uint64_t reference = ReadU48(item->Entry, 0);
     RecordNumber = static_cast<int64_t>(reference << 16) >> 16;
-    (void)Volume->ReferenceFileRecord(RecordNumber, &FileRecord);
+    // Deviation for safety: without a record there is nothing to lock or
+    // read, and going on would use a null record. Its failure, a device code
+    // among them, is the answer as it came.
+    const unsigned int referenced = Volume->ReferenceFileRecord(RecordNumber, &FileRecord);
+    if (referenced != ERROR_SUCCESS) return referenced;
     if (FileRecord == nullptr) return ERROR_FILE_CORRUPT;
     FileRecord->LockShared();
     CAttribute* data = FileRecord->FindAttribute(AttributeData, nullptr, 0, 0);
@@ -76,7 +82,7 @@ unsigned int CFileHandle::Initialize(const char16_t* path) {
         FileRecord->UnlockShared();
         return ERROR_FILE_CORRUPT;
     }
-    Compressed = (ReadU16(data->Header, kAttributeFlagsOffset) & kUnitFlagsMask) != 0 ? 1 : 0;
+    Compressed = (ReadU16(data->Header, kAttributeFlagsOffset) & kAttributeUnitFlagsMask) != 0 ? 1 : 0;
     DataSize = data->GetDataSize();
     Resident = data->IsResident() ? 1 : 0;
     if (Resident) {
@@ -159,25 +165,39 @@ unsigned int CFileHandle::SpillDataPiece(CAttribute* attribute, int64_t lcn, int
     return code;
 }
 
+void CFileHandle::FreeUnwrittenRuns() {
+    for (int i = 0; i + 1 < UnwrittenRuns.GetCount(); i += 2) {
+        int64_t lcn = UnwrittenRuns.Get(i);
+        (void)Volume->FreeClusters(&lcn, static_cast<int>(UnwrittenRuns.Get(i + 1)));
+    }
+    UnwrittenRuns.Clear();
+}
+
 unsigned int CFileHandle::AllocateClusters(unsigned int clusters) {
     CAttribute* attribute = LastDataPiece(FileRecord);
     if (attribute == nullptr) return ERROR_FILE_CORRUPT;
     const int64_t clusterSize = Volume->GetClusterSize();
     const int64_t start = attribute->GetLowestVcn();
     const int64_t last = attribute->GetHighestVcn();
-    if (start * clusterSize > AllocatedSize || (last + 1) * clusterSize < AllocatedSize) {
+    // VCNs whose byte offsets do not fit in 64 bits are damage like any other
+    // disagreement between the handle and the run list.
+    int64_t startBytes = 0;
+    int64_t endBytes = 0;
+    if (__builtin_mul_overflow(start, clusterSize, &startBytes) || last == INT64_MAX ||
+        __builtin_mul_overflow(last + 1, clusterSize, &endBytes) || startBytes > AllocatedSize ||
+        endBytes < AllocatedSize) {
         return ERROR_FILE_CORRUPT;
     }
-    UnwrittenRuns.clear();
+    UnwrittenRuns.Clear();
     if (clusters == 0) return ERROR_SUCCESS;
     int64_t missing = clusters;
     int wanted = static_cast<int>(clusters);
-    // Clusters taken since the records were last written, to be given back
-    // when the growth fails; the records return to what was last written.
-    std::vector<std::pair<int64_t, int>> taken;
+    // UnwrittenRuns holds the clusters taken since the records were last
+    // written, to be given back when the growth fails; the records return
+    // to what was last written.
     int64_t written = 0;  // clusters made part of the file on disk by a spill
     auto fail = [&](unsigned int code) {
-        for (auto& run : taken) (void)Volume->FreeClusters(&run.first, run.second);
+        FreeUnwrittenRuns();
         FileRecord->Revert();
         if (written > 0) {
             // A spill has already written pieces that map these clusters:
@@ -210,7 +230,12 @@ unsigned int CFileHandle::AllocateClusters(unsigned int clusters) {
         // hand them out again under data already written there.
         int take = got < wanted ? got : wanted;
         if (take > missing) take = static_cast<int>(missing);
-        taken.emplace_back(lcn, take);
+        if (UnwrittenRuns.InsertAfter(UnwrittenRuns.GetCount(), static_cast<intptr_t>(lcn)) == -2 ||
+            UnwrittenRuns.InsertAfter(UnwrittenRuns.GetCount(), static_cast<intptr_t>(take)) == -2) {
+            if (UnwrittenRuns.GetCount() % 2 != 0) UnwrittenRuns.RemoveAt(UnwrittenRuns.GetCount() - 1);
+            (void)Volume->FreeClusters(&lcn, take);
+            return fail(ERROR_NOT_ENOUGH_MEMORY);
+        }
         CAttribute* appended = nullptr;
         code = attribute->AppendRun(lcn, take, &appended);
         if (code == ERROR_INSUFFICIENT_BUFFER) {
@@ -220,7 +245,7 @@ unsigned int CFileHandle::AllocateClusters(unsigned int clusters) {
             if (code != ERROR_SUCCESS) return fail(code);
             FileRecord->Commit();
             written = static_cast<int64_t>(clusters) - missing + take;
-            taken.clear();
+            UnwrittenRuns.Clear();
             attribute = LastDataPiece(FileRecord);
             if (attribute == nullptr) return fail(ERROR_FILE_CORRUPT);
         } else if (code != ERROR_SUCCESS) {
@@ -233,18 +258,23 @@ unsigned int CFileHandle::AllocateClusters(unsigned int clusters) {
         missing -= take;
         if (wanted > missing) wanted = static_cast<int>(missing);
     }
-    UnwrittenRuns = std::move(taken);
     return ERROR_SUCCESS;
 }
 
 unsigned int CFileHandle::ReserveCompressedClusters(unsigned int* clusters) {
-    UnwrittenRuns.clear();
+    UnwrittenRuns.Clear();
     CAttribute* first = FileRecord->FindAttribute(AttributeData, nullptr, 0, 0);
     CAttribute* last = LastDataPiece(FileRecord);
     if (first == nullptr || last == nullptr || first->IsResident()) return ERROR_FILE_CORRUPT;
     const int64_t clusterSize = Volume->GetClusterSize();
-    const int64_t unit = int64_t{1} << ReadU8(first->Header, kNonResidentCompressionUnitOffset);
+    const int exponent = ReadU8(first->Header, kNonResidentCompressionUnitOffset);
     const int64_t allocated = ReadI64(first->Header, kNonResidentAllocatedSizeOffset);
+    // A unit or an allocated size that valid data never has would overflow
+    // the rounding below.
+    if (exponent > kMaxCompressionUnitExponent || allocated < 0 || allocated > kLargestAllocatedSize) {
+        return ERROR_FILE_CORRUPT;
+    }
+    const int64_t unit = int64_t{1} << exponent;
     const int64_t reserved =
         (allocated + (static_cast<int64_t>(*clusters) - 1 + unit) * clusterSize) / (clusterSize * unit) * unit -
         allocated / clusterSize;
@@ -271,7 +301,8 @@ unsigned int CFileHandle::ReserveCompressedClusters(unsigned int* clusters) {
         if (code != ERROR_SUCCESS) return code;
     }
     std::memcpy(last->Header + end, run, static_cast<size_t>(runBytes));
-    WriteU64(last->Header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(last->GetHighestVcn() + reserved));
+    WriteU64(last->Header, kNonResidentHighestVcnOffset,
+             static_cast<uint64_t>(last->GetHighestVcn()) + static_cast<uint64_t>(reserved));
     last->Mark();
     *clusters = static_cast<unsigned int>(reserved);
     return ERROR_SUCCESS;

@@ -13,10 +13,9 @@
 #pragma once
 
 #include <cstdint>
-#include <utility>
-#include <vector>
 
 #include "foundation/platform.h"
+#include "foundation/pointer_array.h"
 #include "foundation/share_element.h"
 #include "volume/volume.h"
 
@@ -46,6 +45,8 @@ public:
     // in a new extension record: the piece moves there with the run when it
     // shares its record, else a new piece starts with it. The records are
     // written through the attribute list's rewrite.
+    // Gives the clusters of UnwrittenRuns back and empties it.
+    void FreeUnwrittenRuns();
     [[nodiscard]] unsigned int SpillDataPiece(CAttribute* attribute, int64_t lcn, int take);
     // Reserves address space for compressed data to the next unit boundary;
     // *clusters in and out.
@@ -74,7 +75,8 @@ public:
     // (LCN, count) of the clusters the last AllocateClusters took and the
     // records on disk do not map yet: given back when the record write that
     // follows a growth fails.
-    std::vector<std::pair<int64_t, int>> UnwrittenRuns;
+    // Two elements a pair.
+    CPointerArray UnwrittenRuns;
 };
 
 }  // namespace ntfs

@@ -25,10 +25,11 @@ constexpr int kMaxNameUnits = 255;
 constexpr int kMaxClimb = 1024;
 
 // The folded name of an entry, NUL-terminated, in a buffer of 512 units (the
-// units behind the name stay zero).
+// units behind the name stay zero). A name length byte that claims more than
+// the entry holds is cut to the entry.
 void FoldedName(const uint8_t* entry, char16_t* buffer) {
     std::memset(buffer, 0, 512 * sizeof(char16_t));
-    const int length = ReadU8(entry, kEntryNameLengthOffset);
+    const int length = EntryNameLength(entry);
     for (int i = 0; i < length; ++i) buffer[i] = FoldUnit(ReadU16(entry, kEntryNameOffset + 2 * i));
 }
 
@@ -184,6 +185,7 @@ unsigned int CFindHandle::FindFirst(const uint8_t** entry) {
     unsigned int code = FindNextItem(&found, &key);
     if (code != ERROR_SUCCESS) return code;
     auto* item = static_cast<CIndexEntry*>(found);
+    if (!EntryHoldsKey(item->Entry)) return ERROR_FILE_CORRUPT;
     if (!key.Exact) {
         code = MatchSegments(&item, &key);
         if (code != ERROR_SUCCESS) return code;
@@ -248,7 +250,15 @@ unsigned int CFindHandle::NextEntry(const uint8_t** entry, _INDEX_SEARCH_KEY* ke
                 std::free(deeper);
             }
             Cursor->Index += 1;
-            if (Cursor->Index >= Cursor->Node->GetItemCount()) Cursor->Index = Cursor->Node->GetItemCount() - 1;
+            if (Cursor->Index >= Cursor->Node->GetItemCount()) {
+                Cursor->Index = Cursor->Node->GetItemCount() - 1;
+                // Every node ends in its end entry, and only there does the
+                // walk come back to the place it stood on. A node whose last
+                // item is a real entry (its end entry lost) would give that
+                // entry again on every step, for ever.
+                auto* last = static_cast<CIndexEntry*>(Cursor->Node->GetItem(Cursor->Index));
+                if (last != nullptr && !last->IsLast()) return ERROR_FILE_CORRUPT;
+            }
         }
         CBPlusTreeItem* found = nullptr;
         code = FindNextItem(&found, key);
@@ -257,6 +267,7 @@ unsigned int CFindHandle::NextEntry(const uint8_t** entry, _INDEX_SEARCH_KEY* ke
         const uint8_t* bytes = static_cast<CIndexEntry*>(found)->Entry;
         *entry = bytes;
         if ((ReadU16(bytes, kEntryFlagsOffset) & kEntryIsLast) == 0) {
+            if (!EntryHoldsKey(bytes)) return ERROR_FILE_CORRUPT;
             // Names of the POSIX namespace are always delivered, so each of
             // several POSIX hard links of a file comes out.
             if ((ReadU8(bytes, kEntryNameSpaceOffset) & 3) == 0) return ERROR_SUCCESS;
@@ -305,7 +316,7 @@ void CFindHandle::FillFindData(const uint64_t* parentReference, CFullFileRecord*
         CAttribute* name = record->FindAttribute(AttributeFileName, nullptr, 0, index);
         if (name == nullptr) break;
         const uint8_t* value = name->GetValue();
-        if (value == nullptr || !name->IsResident() || name->GetDataSize() < kFileNameUnitsOffset) continue;
+        if (!name->IsResident() || !name->BodyFits() || name->GetDataSize() < kFileNameUnitsOffset) continue;
         const int units = ReadU8(value, kFileNameLengthOffset);
         if (kFileNameUnitsOffset + 2 * units > name->GetDataSize()) continue;
         last = value;

@@ -7,15 +7,10 @@
 #include "foundation/log.h"
 #include "foundation/platform.h"
 #include "index/directory.h"
+#include "record/layout.h"
 #include "volume/ntfs_volume.h"
 
 namespace ntfs {
-
-namespace {
-
-constexpr int64_t kRootDirectory = 5;
-
-}  // namespace
 
 int CNTFSVolume::IsValidPath(const char16_t* path) {
     const int length = lstrlenW(path);
@@ -30,7 +25,7 @@ unsigned int CNTFSVolume::GetParentDirectory(const char16_t* path, CDirectory** 
     const int length = lstrlenW(path);
     int slash = length - 1;
     while (slash >= 0 && path[slash] != u'\\') --slash;
-    int64_t number = kRootDirectory;
+    int64_t number = kRootDirectoryRecord;
     char16_t* parent = nullptr;
     if (slash > 0) {
         parent = static_cast<char16_t*>(std::malloc((static_cast<size_t>(slash) + 1) * sizeof(char16_t)));

@@ -3,6 +3,7 @@
 // record, leaves it when it no longer fits, and non-resident data takes
 // clusters at its end. A file grows only at its end: the pointer never goes
 // beyond the handle's DataSize.
+#include <cstdint>
 #include <cstring>
 
 #include "file/file_handle.h"
@@ -17,48 +18,68 @@ namespace ntfs {
 
 namespace {
 
-constexpr int kCompressionUnitClusters = 16;
+// The largest size a file may reach: rounded up to clusters or to a whole
+// compression unit of any cluster size it still has a 64-bit byte count.
+constexpr int64_t kLargestFileSize = INT64_MAX - 0xFFFFFFFF;
 
 int64_t CeilDiv(int64_t value, int64_t by) { return (value + by - 1) / by; }
 
 }  // namespace
 
-int CNTFSVolume::ReadFile(void* handle, void* buffer, int size, int* done) {
-    *done = 0;
+CFileHandle* CNTFSVolume::TransferHandle(void* handle, unsigned int access, int size) {
     CFileHandle* file = LookUpFileHandle(handle);
     if (file == nullptr) {
         LastError = ERROR_INVALID_HANDLE;
-        return 0;
+        return nullptr;
     }
-    if ((file->AccessMode & kAccessRead) == 0) {
+    if ((file->AccessMode & access) == 0) {
         LastError = ERROR_ACCESS_DENIED;
-        return 0;
+        return nullptr;
     }
+    // Deviation for safety: a negative size is no request to shorten a file
+    // (only a write of no bytes is), and taken as a count it would move about
+    // 4 GiB from or into the caller's buffer. It is refused before anything
+    // moves.
+    if (size < 0) {
+        LastError = ERROR_INVALID_PARAMETER;
+        return nullptr;
+    }
+    return file;
+}
+
+int CNTFSVolume::ReadFile(void* handle, void* buffer, int size, int* done) {
+    *done = 0;
+    CFileHandle* file = TransferHandle(handle, kAccessRead, size);
+    if (file == nullptr) return 0;
     if (file->FilePointer >= file->DataSize) {
         file->FilePointer = file->DataSize;
         return 1;
     }
-    int64_t count = size < 0 ? 0 : size;
+    int64_t count = size;
     if (count > file->DataSize - file->FilePointer) count = file->DataSize - file->FilePointer;
     int64_t position = file->FilePointer;
     uint32_t read = 0;
     file->FileRecord->LockShared();
-    LastError = file->FileRecord->ReadAttribute(AttributeData, nullptr, 0, &position,
-                                                static_cast<uint32_t>(count), buffer, &read);
+    const unsigned int code = file->FileRecord->ReadAttribute(AttributeData, nullptr, 0, &position,
+                                                              static_cast<uint32_t>(count), buffer, &read);
     file->FileRecord->UnlockShared();
+    LastError = code;
     file->FilePointer += read;
     GetSystemTime(&file->LastReadTime);
     *done = static_cast<int>(read);
-    return LastError == ERROR_SUCCESS ? 1 : 0;
+    // The result follows this transfer's own code: LastError is shared by
+    // every thread of the volume.
+    return code == ERROR_SUCCESS ? 1 : 0;
 }
 
 // Stamps the change time and writes the file's records after a growth; a
 // failure puts the record image back.
 unsigned int CNTFSVolume::WriteGrownRecord(CFullFileRecord* record) {
     int64_t changed = 0;
-    if (!UpdateFileRecord(record, nullptr, nullptr, &changed)) {
+    const unsigned int code = WriteChangedRecord(record, nullptr, nullptr, &changed);
+    if (code != ERROR_SUCCESS) {
         record->Revert();
-        return LastError;
+        return code;
     }
     // What is on disk now is what a later failed growth returns to.
     record->Commit();
@@ -69,7 +90,9 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
     *leaves = false;
     CFullFileRecord* record = file->FileRecord;
     CAttribute* attribute = record->FindAttribute(AttributeData, nullptr, 0, 0);
-    if (attribute == nullptr || !attribute->IsResident()) {
+    // A value length that reaches past its attribute is damage: the copies
+    // below trust it.
+    if (attribute == nullptr || !attribute->IsResident() || !attribute->BodyFits()) {
         LastError = ERROR_FILE_CORRUPT;
         return 0;
     }
@@ -87,7 +110,13 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
     if (end < capacity) {
         const int valueOffset = ReadU16(attribute->Header, kResidentValueOffsetOffset);
         CAttribute* resized = nullptr;
-        (void)attribute->SetSize(static_cast<int>(end + valueOffset), &resized);
+        // The free space comes from the record's header. A record that
+        // claims more room than its image holds refuses the growth here, and
+        // the copy would land outside the attribute: damage, nothing changed.
+        if (attribute->SetSize(static_cast<int>(end + valueOffset), &resized) != ERROR_SUCCESS) {
+            LastError = ERROR_FILE_CORRUPT;
+            return 0;
+        }
         std::memcpy(attribute->GetValue() + file->FilePointer, buffer, static_cast<size_t>(size));
         file->FilePointer = end;
         WriteU32(attribute->Header, kResidentValueLengthOffset, static_cast<uint32_t>(file->FilePointer));
@@ -98,10 +127,11 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
         return 1;
     }
     // The data leaves the record.
-    LastError = attribute->Record->MakeNonResident(attribute);
-    if (LastError != ERROR_SUCCESS) return 0;
+    const unsigned int code = attribute->Record->MakeNonResident(attribute);
+    LastError = code;
+    if (code != ERROR_SUCCESS) return 0;
     if (WriteGrownRecord(record) != ERROR_SUCCESS) return 0;
-    file->AllocatedSize = static_cast<int64_t>(GetClusterSize()) * (file->Compressed ? kCompressionUnitClusters : 1);
+    file->AllocatedSize = static_cast<int64_t>(GetClusterSize()) * (file->Compressed ? kDefaultCompressionUnitClusters : 1);
     file->Resident = 0;
     *leaves = true;
     return 1;
@@ -109,18 +139,16 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
 
 int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done) {
     *done = 0;
-    CFileHandle* file = LookUpFileHandle(handle);
-    if (file == nullptr) {
-        LastError = ERROR_INVALID_HANDLE;
-        return 0;
-    }
-    if ((file->AccessMode & kAccessWrite) == 0) {
-        LastError = ERROR_ACCESS_DENIED;
-        return 0;
-    }
-    if (size < 0) size = 0;
+    CFileHandle* file = TransferHandle(handle, kAccessWrite, size);
+    if (file == nullptr) return 0;
     if (file->FilePointer > file->DataSize) file->FilePointer = file->DataSize;
     CFullFileRecord* record = file->FileRecord;
+    // Only a damaged size puts the pointer this close to the largest size;
+    // the end of the write could not even be computed.
+    if (file->FilePointer > kLargestFileSize - size) {
+        LastError = ERROR_INVALID_PARAMETER;
+        return 0;
+    }
     if (file->Resident) {
         record->LockExclusive();
         bool leaves = false;
@@ -135,26 +163,27 @@ int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done
         unsigned int clusters =
             static_cast<unsigned int>(CeilDiv(end, clusterSize) - CeilDiv(file->AllocatedSize, clusterSize));
         record->LockExclusive();
-        LastError = file->Compressed ? file->ReserveCompressedClusters(&clusters) : file->AllocateClusters(clusters);
-        if (LastError != ERROR_SUCCESS) {
+        const unsigned int code =
+            file->Compressed ? file->ReserveCompressedClusters(&clusters) : file->AllocateClusters(clusters);
+        LastError = code;
+        if (code != ERROR_SUCCESS) {
             record->UnlockExclusive();
             return 0;
         }
         CAttribute* first = record->FindAttribute(AttributeData, nullptr, 0, 0);
         const int64_t grown = static_cast<int64_t>(clusters) * clusterSize;
         WriteU64(first->Header, kNonResidentAllocatedSizeOffset,
-                 static_cast<uint64_t>(ReadI64(first->Header, kNonResidentAllocatedSizeOffset) + grown));
+                 ReadU64(first->Header, kNonResidentAllocatedSizeOffset) + static_cast<uint64_t>(grown));
         first->Mark();
         record->MarkModified();
         if (WriteGrownRecord(record) != ERROR_SUCCESS) {
             // The record is back as it was last written; clusters that only
             // the lost image mapped are given back.
-            for (auto& run : file->UnwrittenRuns) (void)FreeClusters(&run.first, run.second);
-            file->UnwrittenRuns.clear();
+            file->FreeUnwrittenRuns();
             record->UnlockExclusive();
             return 0;
         }
-        file->UnwrittenRuns.clear();
+        file->UnwrittenRuns.Clear();
         file->AllocatedSize += grown;
         record->UnlockExclusive();
     }

@@ -31,7 +31,7 @@ unsigned int CNTFSVolume::TruncateFile(CFullFileRecord* record, uint32_t type, c
     const unsigned int code = FreeAttributeClusters(attribute);
     if (code != ERROR_SUCCESS) return code;
     CAttribute* resized = nullptr;
-    (void)attribute->SetSize(nameLength * 2 + 24, &resized);
+    (void)attribute->SetSize(nameLength * 2 + kResidentHeaderSize, &resized);
     attribute->SetResident(1);
     WriteU32(attribute->Header, kResidentValueLengthOffset, 0);
     attribute->Mark();

@@ -315,4 +315,10 @@ unsigned int CBPlusTreeNode::PlaceItem(CBPlusTreeNode* target, int index, CBPlus
     return ERROR_SUCCESS;
 }
 
+bool CBPlusTreeNode::AppendItem(CBPlusTreeItem* item) {
+    if (item != nullptr && Items.InsertAfter(GetItemCount(), item) != -2) return true;
+    delete item;
+    return false;
+}
+
 }  // namespace ntfs

@@ -29,6 +29,14 @@
 
 namespace ntfs {
 
+// Sets `*flag` to `value` and returns what it held: the body of the nodes'
+// MarkModified and ClearModified.
+inline int ExchangeFlag(int* flag, int value) {
+    const int old = *flag;
+    *flag = value;
+    return old;
+}
+
 class CBPlusTreeNode;
 
 // The key of one search, on the caller's stack. Name is NUL-terminated and
@@ -203,6 +211,10 @@ public:
     _TREE_CURSOR_FRAME* GetCursor() const { return Cursor; }
 
 protected:
+    // Appends `item` (which may be null: no memory) at the end of the list;
+    // false, with the item deleted, when it is null or the list cannot grow.
+    bool AppendItem(CBPlusTreeItem* item);
+
     CBPlusTreeItem* ParentItem;
     CPointerArray Items;
     _TREE_CURSOR_FRAME* Cursor;

@@ -59,7 +59,8 @@ CDirectory::CDirectory(CFullFileRecord* record, CNTFSVolume* volume)
       PseudoItem(nullptr),
       Root(nullptr),
       GrowFailed(0),
-      RecordsAdded(0) {
+      RecordsAdded(0),
+      IndexMemoryShortfalls(0) {
     // Nothing is put on the file record's chain of directories; the link
     // only names its owner.
     DirectoryLink.Reserved = this;
@@ -180,6 +181,14 @@ CIndexRoot* CDirectory::GetIndexRoot() {
     auto* root = new (std::nothrow) CIndexRoot(RootValue, this, FileRecord);
     if (root == nullptr) return nullptr;
     static_cast<void>(root->ParseEntries());
+    // Deviation for safety: a root whose items could not all be made for lack
+    // of memory would answer searches with entries missing, and a change
+    // made over it would put entries in the wrong place on disk. It is not
+    // kept; the caller answers as for no root (8).
+    if (root->MemoryShortfalls != 0) {
+        delete root;
+        return nullptr;
+    }
     Root = root;
     root->SetParentItem(PseudoItem);
     PseudoItem->SetNode(root);

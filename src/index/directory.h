@@ -17,6 +17,7 @@
 // themselves per operation only. One change at a time per directory.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "data/bitmap_data.h"
@@ -89,6 +90,10 @@ public:
     // The open record whose header holds `vcn`, without a reference; null
     // when it is not open.
     CIndexRecord* FindOpenRecord(int64_t vcn);
+    // Counts a parse of the root or of an index record of this directory
+    // that could not make all its items; loads may count under the shared
+    // lock, so the count is atomic.
+    void CountMemoryShortfall() { IndexMemoryShortfalls.fetch_add(1); }
     // Chain search routine over OpenRecords; `parameter` is an int64_t* VCN.
     static int IndexRecordSearchRoutine(CChainElement* element, void* parameter);
 
@@ -111,13 +116,19 @@ public:
     // LastError.
     [[nodiscard]] unsigned int WriteDirectoryRecord();
     // Sets the parent item of every open record from the items of the root
-    // and the open records that lead to it.
-    void RelinkParents();
+    // and the open records that lead to it. 0, or 8 when its work lists
+    // cannot be made, and then no link has changed.
+    [[nodiscard]] unsigned int RelinkParents();
     // Clears the bit of the index record at `vcn` in the directory's bitmap.
     [[nodiscard]] unsigned int FreeRecordBit(int64_t vcn);
     // Chain search routine that appends every modified open record to the
     // CPointerArray `parameter` and never stops the search.
     static int CollectModifiedRecords(CChainElement* element, void* parameter);
+    // The parses of the root, the index records and the directory's file
+    // records so far that could not make all their pieces for lack of
+    // memory. A change during which it grows stands on missing pieces and
+    // is given up.
+    int64_t MemoryShortfallCount();
 
     // Room in the base file record: an index attribute moves out to a new
     // extension record ($BITMAP "$I30" when the last growth failed on it,
@@ -164,6 +175,7 @@ public:
     CPointerArray NewClusterRuns;   // (LCN, count) pairs of clusters taken for it
     int GrowFailed;                 // the last growth failed in resizing the bitmap
     int RecordsAdded;               // index records added to ItemCount in this change
+    std::atomic<int64_t> IndexMemoryShortfalls;  // see CountMemoryShortfall
 
 private:
     // Steps of GrowIndexAllocation.

@@ -11,9 +11,7 @@
 // All of it runs under the directory's exclusive use; the work lists lock
 // themselves per operation only.
 #include <cstdlib>
-#include <algorithm>
 #include <cstring>
-#include <vector>
 
 #include "foundation/endian.h"
 #include "foundation/log.h"
@@ -43,6 +41,13 @@ int CDirectory::CollectModifiedRecords(CChainElement* element, void* parameter) 
     return 0;
 }
 
+int64_t CDirectory::MemoryShortfallCount() {
+    int64_t count = IndexMemoryShortfalls.load() + FileRecord->CFileRecord::MemoryShortfalls;
+    CPointerArray& extensions = FileRecord->GetExtensionRecords();
+    for (int i = 0; i < extensions.GetCount(); ++i) count += extensions.At<CFileRecord>(i)->MemoryShortfalls;
+    return count;
+}
+
 unsigned int CDirectory::WriteIndexRecord(CIndexRecord* record) {
     auto* buffer = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(RecordSize), 1));
     if (buffer == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
@@ -51,7 +56,17 @@ unsigned int CDirectory::WriteIndexRecord(CIndexRecord* record) {
         std::memcpy(buffer, record->Image, bytes < static_cast<size_t>(RecordSize) ? bytes : RecordSize);
     }
     ProtectIndexRecord(buffer, RecordSize);
-    int64_t offset = ReadI64(buffer, kIndexVcnOffset) * VirtualClusterSize;
+    // The record goes to the VCN in its header. A header that names another
+    // place than the one the record was read from or made for (damage) would
+    // overwrite another record, and one whose byte offset does not fit in 64
+    // bits names no place at all: a bad record, and nothing is written.
+    const int64_t vcn = ReadI64(buffer, kIndexVcnOffset);
+    int64_t offset = 0;
+    if ((record->IsValid() && vcn != record->GetShadowVcn()) || vcn < 0 ||
+        __builtin_mul_overflow(vcn, static_cast<int64_t>(VirtualClusterSize), &offset)) {
+        std::free(buffer);
+        return ERROR_BAD_FORMAT;
+    }
     uint32_t written = 0;
     const unsigned int code = FileRecord->WriteAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength,
                                                          &offset, static_cast<uint32_t>(RecordSize), buffer, &written);
@@ -61,8 +76,7 @@ unsigned int CDirectory::WriteIndexRecord(CIndexRecord* record) {
 
 unsigned int CDirectory::WriteDirectoryRecord() {
     int64_t changeTime = 0;
-    static_cast<void>(Volume->UpdateFileRecord(FileRecord, nullptr, nullptr, &changeTime));
-    return Volume->GetLastError();
+    return Volume->WriteChangedRecord(FileRecord, nullptr, nullptr, &changeTime);
 }
 
 // Logs the failed write of the directory's file record; returns the code.
@@ -159,27 +173,31 @@ unsigned int CDirectory::Flush(int* undo) {
     return ERROR_SUCCESS;
 }
 
-void CDirectory::RelinkParents() {
-    std::vector<CBPlusTreeNode*> nodes;
-    if (Root != nullptr) nodes.push_back(Root);
-    std::vector<CBPlusTreeNode*> open;
+unsigned int CDirectory::RelinkParents() {
+    // The lists are made whole before the first link is cleared.
+    CPointerArray nodes;
+    if (Root != nullptr && nodes.InsertAfter(nodes.GetCount(), static_cast<CBPlusTreeNode*>(Root)) == -2) {
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
+    CPointerArray open;
     for (int i = 0;; ++i) {
         CChainElement* element = OpenRecords.GetElement(i);
         if (element == nullptr) break;
         CIndexRecord* record = AsIndexRecord(element);
-        record->SetParentItem(nullptr);
-        open.push_back(record);
-        if (record->IsValid()) nodes.push_back(record);
+        CBPlusTreeNode* node = record;
+        if (open.InsertAfter(open.GetCount(), node) == -2) return ERROR_NOT_ENOUGH_MEMORY;
+        if (record->IsValid() && nodes.InsertAfter(nodes.GetCount(), node) == -2) return ERROR_NOT_ENOUGH_MEMORY;
     }
-    for (CBPlusTreeNode* node : nodes) {
+    for (int i = 0; i < open.GetCount(); ++i) open.At<CBPlusTreeNode>(i)->SetParentItem(nullptr);
+    for (int n = 0; n < nodes.GetCount(); ++n) {
+        CBPlusTreeNode* node = nodes.At<CBPlusTreeNode>(n);
         for (int i = 0; i < node->GetItemCount(); ++i) {
             CBPlusTreeItem* item = node->GetItem(i);
             CBPlusTreeNode* child = item != nullptr ? item->GetChild() : nullptr;
-            if (child != nullptr && std::find(open.begin(), open.end(), child) != open.end()) {
-                child->SetParentItem(item);
-            }
+            if (child != nullptr && open.IndexOf(child) >= 0) child->SetParentItem(item);
         }
     }
+    return ERROR_SUCCESS;
 }
 
 unsigned int CDirectory::PrepareRecords(CPointerArray* list) {
@@ -187,7 +205,8 @@ unsigned int CDirectory::PrepareRecords(CPointerArray* list) {
     // A node that parsed its entries anew (after a split) leaves the records
     // below it pointing at items that are gone; the links are taken again
     // from the items of the live tree before they are followed.
-    RelinkParents();
+    const unsigned int relinked = RelinkParents();
+    if (relinked != ERROR_SUCCESS) return relinked;
     // First pass: every record that is not new gets a shadow location, and
     // its parent joins the change, so a changed leaf drags its path up to the
     // root. The list grows while it is walked.
@@ -312,8 +331,14 @@ unsigned int CDirectory::CommitChanges() {
 }
 
 unsigned int CDirectory::InsertAndFlush(CBPlusTreeNode* node, int position, CBPlusTreeItem* entry) {
+    const int64_t shortfalls = MemoryShortfallCount();
     CBPlusTreeItem* inserted = nullptr;
     unsigned int code = node->InsertItem(position, entry, &inserted);
+    // Deviation for safety: a node or record parsed during the change without
+    // all its pieces for lack of memory has steered it (where an entry goes,
+    // what a split moves), whatever the change answered. It is given up
+    // with 8 before anything is written, instead of being flushed.
+    if (MemoryShortfallCount() != shortfalls) code = ERROR_NOT_ENOUGH_MEMORY;
     if (code != ERROR_SUCCESS) {
         (void)RollbackChanges();
         return code;

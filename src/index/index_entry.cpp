@@ -74,13 +74,15 @@ CIndexEntry::~CIndexEntry() {
     if (OwnsBuffer) std::free(Entry);
 }
 
-int CIndexEntry::GetNameLength() const {
-    if (IsLast()) return 0;
-    const int room = (GetLength() - kEntryNameOffset) / 2;
+int EntryNameLength(const uint8_t* entry) {
+    if (EntryIsLast(entry)) return 0;
+    const int room = (EntryLength(entry) - kEntryNameOffset) / 2;
     if (room <= 0) return 0;
-    const int length = ReadU8(Entry, kEntryNameLengthOffset);
+    const int length = ReadU8(entry, kEntryNameLengthOffset);
     return length < room ? length : room;
 }
+
+int CIndexEntry::GetNameLength() const { return EntryNameLength(Entry); }
 
 int CIndexEntry::CopyName(char16_t* name) const {
     const int length = GetNameLength();
@@ -168,10 +170,14 @@ unsigned int CIndexEntry::LoadRecord(int64_t vcn, CBPlusTreeNode** child) {
         std::free(buffer);
         return ERROR_NOT_ENOUGH_MEMORY;
     }
-    if (!record->IsValid()) {
+    // Deviation for safety: a record whose items could not all be made for
+    // lack of memory would answer searches with entries missing and steer
+    // changes wrongly; it is not kept, and the answer is 8.
+    if (record->MemoryShortfalls != 0 || !record->IsValid()) {
+        const unsigned int code = record->MemoryShortfalls != 0 ? ERROR_NOT_ENOUGH_MEMORY : ERROR_BAD_FORMAT;
         record->Release();
         Child = nullptr;
-        return ERROR_BAD_FORMAT;
+        return code;
     }
     Child = record;
     record->SetParentItem(this);

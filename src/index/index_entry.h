@@ -79,6 +79,13 @@ inline int64_t EntryReferencedRecord(const uint8_t* entry) {
     return static_cast<int64_t>(ReadU48(entry, kEntryRecordNumberOffset) << 16) >> 16;
 }
 
+// Units of the entry's name: 0 for an end entry, and never more than the
+// entry's length can hold, whatever its name length byte says.
+int EntryNameLength(const uint8_t* entry);
+// Whether a real entry is long enough to hold its key up to the name; a
+// shorter one is damage, and the key's fields must not be read.
+inline bool EntryHoldsKey(const uint8_t* entry) { return EntryLength(entry) >= kEntryNameOffset; }
+
 // The length of a leaf entry for a name of `units` units: 82 + 2n rounded up
 // to 8. Its key length is 66 + 2n.
 constexpr int IndexEntrySize(int units) { return (kEntryNameOffset + 2 * units + 7) & ~7; }

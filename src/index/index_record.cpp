@@ -65,7 +65,11 @@ CIndexRecord::CIndexRecord(const int64_t* vcn, uint8_t* buffer, CNTFSVolume* vol
         return;
     }
     CleanImage = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(RecordSize)));
-    if (CleanImage == nullptr) return;
+    if (CleanImage == nullptr) {
+        ++MemoryShortfalls;
+        Directory->CountMemoryShortfall();
+        return;
+    }
     // The count must be RecordSize / 512 + 1 and the array inside the record;
     // every stretch's last word must hold the sequence number.
     if (!ApplyUpdateSequence(Image, RecordSize)) {
@@ -131,8 +135,9 @@ int CIndexRecord::ParseEntries() {
         }
         uint8_t* bytes = Image + offset;
         auto* item = new (std::nothrow) CIndexEntry(bytes, this, previous, Directory);
-        if (item == nullptr || Items.InsertAfter(GetItemCount(), item) == -2) {
-            delete item;
+        if (!AppendItem(item)) {
+            ++MemoryShortfalls;
+            Directory->CountMemoryShortfall();
             result = 0;
             break;
         }
@@ -156,17 +161,9 @@ int CIndexRecord::ParseEntries() {
     return result;
 }
 
-int CIndexRecord::MarkModified() {
-    const int old = Modified;
-    Modified = 1;
-    return old;
-}
+int CIndexRecord::MarkModified() { return ExchangeFlag(&Modified, 1); }
 
-int CIndexRecord::ClearModified() {
-    const int old = Modified;
-    Modified = 0;
-    return old;
-}
+int CIndexRecord::ClearModified() { return ExchangeFlag(&Modified, 0); }
 
 unsigned int CIndexRecord::FindInsertPosition(CBPlusTreeItem* item, CBPlusTreeNode** node, int* index) {
     return FindEntryInsertPosition(this, static_cast<CIndexEntry*>(item), node, index);

@@ -89,8 +89,9 @@ public:
 
     // Rebuilds the items from the live image. Returns 1, or 0 after logging
     // "Entry is broken." or "Entry is out of record." (code 0) with the
-    // items parsed so far kept. Except on the first parse, entries that lead
-    // to an open record get it attached.
+    // items parsed so far kept; also 0 when an item could not be allocated,
+    // which is counted here and in the directory. Except on the first parse,
+    // entries that lead to an open record get it attached.
     int ParseEntries();
 
     // The VCN in the live image's header.

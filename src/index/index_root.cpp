@@ -21,7 +21,7 @@
 namespace ntfs {
 
 CIndexRoot::CIndexRoot(uint8_t* value, CDirectory* directory, CFullFileRecord* record)
-    : Modified(0), Value(value), Used(0), Directory(directory), FileRecord(record) {}
+    : Modified(0), Value(value), Used(0), MemoryShortfalls(0), Directory(directory), FileRecord(record) {}
 
 CIndexRoot::~CIndexRoot() {
     for (int i = 0; i < GetItemCount(); ++i) {
@@ -99,8 +99,9 @@ int CIndexRoot::ParseEntries() {
             }
             uint8_t* bytes = Value + offset;
             auto* item = new (std::nothrow) CIndexEntry(bytes, this, previous, Directory);
-            if (item == nullptr || Items.InsertAfter(GetItemCount(), item) == -2) {
-                delete item;
+            if (!AppendItem(item)) {
+                ++MemoryShortfalls;
+                Directory->CountMemoryShortfall();
                 result = 0;
                 break;
             }
@@ -125,17 +126,9 @@ int CIndexRoot::ParseEntries() {
     return result;
 }
 
-int CIndexRoot::MarkModified() {
-    const int old = Modified;
-    Modified = 1;
-    return old;
-}
+int CIndexRoot::MarkModified() { return ExchangeFlag(&Modified, 1); }
 
-int CIndexRoot::ClearModified() {
-    const int old = Modified;
-    Modified = 0;
-    return old;
-}
+int CIndexRoot::ClearModified() { return ExchangeFlag(&Modified, 0); }
 
 unsigned int CIndexRoot::FindInsertPosition(CBPlusTreeItem* item, CBPlusTreeNode** node, int* index) {
     return FindEntryInsertPosition(this, static_cast<CIndexEntry*>(item), node, index);

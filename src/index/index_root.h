@@ -69,7 +69,9 @@ public:
 
     // Rebuilds the items from the value; entries that lead to an open index
     // record get it attached. Returns 1, or 0 (after "Entry is broken."
-    // with code 0 for a damaged entry) with the items parsed so far kept.
+    // with code 0 for a damaged entry) with the items parsed so far kept;
+    // also 0 when an item could not be allocated, which is counted here and
+    // in the directory.
     int ParseEntries();
 
     uint8_t* GetValue() const { return Value; }
@@ -79,6 +81,7 @@ public:
     int Modified;
     uint8_t* Value;
     int64_t Used;  // bytes in use as of the last parse
+    int MemoryShortfalls;  // parses that lacked memory for an item
     CDirectory* Directory;
     CFullFileRecord* FileRecord;
 

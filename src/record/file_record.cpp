@@ -48,7 +48,10 @@ CFileRecord::CFileRecord(int64_t recordNumber, _FILE_RECORD_HEADER* buffer, CFul
     if (ImageSize <= 0) ImageSize = 0;
     CleanImage =
         static_cast<uint8_t*>(std::malloc(static_cast<size_t>(ImageSize > 0 ? ImageSize : 1)));
-    if (CleanImage == nullptr) return;  // the buffer stays the caller's
+    if (CleanImage == nullptr) {
+        ++MemoryShortfalls;
+        return;  // the buffer stays the caller's
+    }
     Image = reinterpret_cast<uint8_t*>(buffer);
     if (Image == nullptr || ImageSize < kUpdateSequenceStride) return;
     if (ReadU32(Image, kFileMagicOffset) != kFileRecordMagic) return;
@@ -103,9 +106,9 @@ int CFileRecord::BuildAttributeTable() {
         }
         auto* attribute =
             new (std::nothrow) CAttribute(Image + place, this, static_cast<int>(length));
-        if (attribute == nullptr) return 0;
-        if (Attributes.InsertAfter(Attributes.GetCount(), attribute) == -2) {
+        if (attribute == nullptr || Attributes.InsertAfter(Attributes.GetCount(), attribute) == -2) {
             delete attribute;
+            ++MemoryShortfalls;
             return 0;
         }
         place += static_cast<int>(length);

@@ -12,6 +12,17 @@ namespace ntfs {
 namespace {
 // $MFTMirr keeps copies of the records 0 to 3.
 constexpr int64_t kMirroredRecords = 4;
+
+// Whether `buffer` is the working copy of one of the records of $MFTMirr's
+// own file, which only the holder of its exclusive lock writes.
+bool IsMirrorImage(CFullFileRecord* mirror, const void* buffer) {
+    if (mirror->Image == buffer) return true;
+    CPointerArray& extensions = mirror->GetExtensionRecords();
+    for (int i = 0; i < extensions.GetCount(); ++i) {
+        if (extensions.At<CFileRecord>(i)->Image == buffer) return true;
+    }
+    return false;
+}
 }  // namespace
 
 unsigned int CNTFSVolume::ReadFileRecord(int64_t* number, void* buffer) {
@@ -32,15 +43,24 @@ unsigned int CNTFSVolume::WriteFileRecord(int64_t* number, void* buffer) {
     const int recordSize = GetFileRecordSize();
     int64_t offset = static_cast<int64_t>(recordSize) * *number;
     uint32_t written = 0;
-    LastError = MftBitmap->Mft->WriteAttribute(AttributeData, nullptr, 0, &offset,
-                                               static_cast<uint32_t>(recordSize), buffer, &written);
-    if (LastError == ERROR_SUCCESS && *number < kMirroredRecords && MftMirror != nullptr) {
-        MftMirror->LockExclusive();
-        LastError = MftMirror->WriteAttribute(AttributeData, nullptr, 0, &offset,
-                                              static_cast<uint32_t>(recordSize), buffer, &written);
-        MftMirror->UnlockExclusive();
+    // The result is this write's own code, also left in LastError, which other
+    // threads share.
+    unsigned int code = MftBitmap->Mft->WriteAttribute(AttributeData, nullptr, 0, &offset,
+                                                       static_cast<uint32_t>(recordSize), buffer, &written);
+    LastError = code;
+    if (code == ERROR_SUCCESS && *number < kMirroredRecords && MftMirror != nullptr) {
+        // $MFTMirr's own records (a handle on it being closed, or an entry
+        // that names its record) are written under its exclusive lock, which
+        // is not re-entrant: taking it again would wait for ever. Their writer
+        // has the mirror to itself already.
+        const bool held = IsMirrorImage(MftMirror, buffer);
+        if (!held) MftMirror->LockExclusive();
+        code = MftMirror->WriteAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(recordSize),
+                                         buffer, &written);
+        if (!held) MftMirror->UnlockExclusive();
+        LastError = code;
     }
-    return LastError;
+    return code;
 }
 
 }  // namespace ntfs

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
-#include <vector>
 
 #include "foundation/endian.h"
 #include "foundation/log.h"
@@ -121,7 +121,9 @@ int CFullFileRecord::LoadAttributeList() {
 
 unsigned int CFullFileRecord::LoadExtensionRecords() {
     if (AttributeListData == nullptr) return ERROR_SUCCESS;
-    std::vector<int64_t> numbers;
+    // The entries are checked and counted first, so that the table of record
+    // numbers is taken once and at its full size.
+    int entries = 0;
     unsigned int result = ERROR_SUCCESS;
     for (int place = 0; place < AttributeListSize;) {
         // The fixed part of an entry must lie inside the list before it is read.
@@ -135,24 +137,35 @@ unsigned int CFullFileRecord::LoadExtensionRecords() {
             result = ERROR_FILE_CORRUPT;
             break;
         }
-        uint64_t reference = ReadU48(AttributeListData, place + kListEntryReferenceOffset);
-        // Sign-extend the 48-bit number.
-        const int64_t number = static_cast<int64_t>(reference << 16) >> 16;
-        if (number != RecordNumber &&
-            std::find(numbers.begin(), numbers.end(), number) == numbers.end()) {
-            numbers.push_back(number);
-        }
+        ++entries;
         place += length;
     }
     if (result != ERROR_SUCCESS) {
         SortMergedTable();
         return result;
     }
-    std::sort(numbers.begin(), numbers.end());
+    std::unique_ptr<int64_t[]> table(new (std::nothrow) int64_t[entries > 0 ? entries : 1]);
+    if (table == nullptr) {
+        SortMergedTable();
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
+    int64_t* const numbers = table.get();
+    int count = 0;
+    for (int place = 0; place < AttributeListSize;
+         place += ReadU16(AttributeListData, place + kListEntryLengthOffset)) {
+        uint64_t reference = ReadU48(AttributeListData, place + kListEntryReferenceOffset);
+        // Sign-extend the 48-bit number.
+        const int64_t number = static_cast<int64_t>(reference << 16) >> 16;
+        if (number != RecordNumber && std::find(numbers, numbers + count, number) == numbers + count) {
+            numbers[count++] = number;
+        }
+    }
+    std::sort(numbers, numbers + count);
 
     CNTFSVolume* volume = CFileRecord::Volume;
     const int recordSize = volume->GetFileRecordSize();
-    for (int64_t number : numbers) {
+    for (int k = 0; k < count; ++k) {
+        int64_t number = numbers[k];
         void* buffer = std::malloc(static_cast<size_t>(recordSize));
         if (buffer == nullptr) {
             LogMessage("Allocate memory for extend FileRecord fail.\n");
@@ -179,8 +192,15 @@ unsigned int CFullFileRecord::LoadExtensionRecords() {
             break;
         }
         if (!extension->IsValid()) {
-            LogMessage("Initialize extend FileRecord fail.\n");
+            const bool memory = extension->MemoryShortfalls != 0;
+            if (extension->Image == nullptr) std::free(buffer);
             delete extension;
+            if (memory) {
+                LogMessage("Allocate memory for extend FileRecord fail.\n");
+                result = ERROR_NOT_ENOUGH_MEMORY;
+                break;
+            }
+            LogMessage("Initialize extend FileRecord fail.\n");
             result = ERROR_BAD_FORMAT;
             break;
         }

@@ -21,7 +21,7 @@ int64_t NowAsFileTime(CNTFSVolume* volume) {
 
 int64_t LoadTime(CAttribute* attribute, int valueOffset) {
     uint8_t* value = attribute->GetValue();
-    if (value == nullptr || !attribute->IsResident() || attribute->GetDataSize() < valueOffset + 8) return 0;
+    if (!attribute->IsResident() || !attribute->BodyFits() || attribute->GetDataSize() < valueOffset + 8) return 0;
     return ReadI64(value, static_cast<size_t>(valueOffset));
 }
 
@@ -52,27 +52,37 @@ int64_t StampTimes(CFullFileRecord* record, int64_t now, const int64_t* accessTi
 
 void StoreValue64(CAttribute* attribute, int valueOffset, int64_t value) {
     uint8_t* bytes = attribute->GetValue();
-    if (bytes == nullptr || !attribute->IsResident() || attribute->GetDataSize() < valueOffset + 8) return;
+    // The value length is trusted only inside the attribute.
+    if (!attribute->IsResident() || !attribute->BodyFits() || attribute->GetDataSize() < valueOffset + 8) return;
     WriteU64(bytes, static_cast<size_t>(valueOffset), static_cast<uint64_t>(value));
     attribute->Mark();
 }
 
 unsigned int CNTFSVolume::WriteFullRecord(CFullFileRecord* record) {
-    LastError = record->WriteRecord();
+    unsigned int code = record->WriteRecord();
+    LastError = code;
     CPointerArray& extensions = record->GetExtensionRecords();
-    for (int i = 0; i < extensions.GetCount() && LastError == ERROR_SUCCESS; ++i) {
+    for (int i = 0; i < extensions.GetCount() && code == ERROR_SUCCESS; ++i) {
         CFileRecord* extension = extensions.At<CFileRecord>(i);
-        if (extension->IsModified()) LastError = extension->WriteRecord();
+        if (extension->IsModified()) {
+            code = extension->WriteRecord();
+            LastError = code;
+        }
     }
-    if (LastError == ERROR_SUCCESS) record->ClearModified();
-    return LastError;
+    if (code == ERROR_SUCCESS) record->ClearModified();
+    return code;
+}
+
+unsigned int CNTFSVolume::WriteChangedRecord(CFullFileRecord* record, int64_t* accessTime, int64_t* writeTime,
+                                             int64_t* changeTime) {
+    const int64_t now = NowAsFileTime(this);
+    *changeTime = StampTimes(record, now, accessTime, writeTime);
+    return WriteFullRecord(record);
 }
 
 int CNTFSVolume::UpdateFileRecord(CFullFileRecord* record, int64_t* accessTime, int64_t* writeTime,
                                   int64_t* changeTime) {
-    const int64_t now = NowAsFileTime(this);
-    *changeTime = StampTimes(record, now, accessTime, writeTime);
-    return WriteFullRecord(record) == ERROR_SUCCESS ? 1 : 0;
+    return WriteChangedRecord(record, accessTime, writeTime, changeTime) == ERROR_SUCCESS ? 1 : 0;
 }
 
 }  // namespace ntfs

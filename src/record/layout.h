@@ -80,6 +80,19 @@ constexpr int kNonResidentInitializedSizeOffset = 56;
 constexpr int kNonResidentCompressedSizeOffset = 64;
 constexpr int kNonResidentHeaderSize = 64;
 
+// Attribute flags (common header, kAttributeFlagsOffset): the low byte is the
+// compression format (nonzero: stored compressed), the top bit marks sparse
+// data. Data with any of these is stored in compression units.
+constexpr uint16_t kAttributeCompressionMask = 0x00FF;
+constexpr uint16_t kAttributeSparse = 0x8000;
+constexpr uint16_t kAttributeUnitFlagsMask = kAttributeCompressionMask | kAttributeSparse;
+// The first extent of a compressed or sparse attribute carries the
+// compressed size: its header is 72 bytes, the name follows there.
+constexpr int kCompressedNonResidentHeaderSize = 72;
+// The unit that new compressed or sparse data starts with: 2^4 = 16 clusters.
+constexpr int kDefaultCompressionUnitExponent = 4;
+constexpr int kDefaultCompressionUnitClusters = 1 << kDefaultCompressionUnitExponent;
+
 // Attribute type codes are multiples of 16 below 0x400: any bit of this mask
 // set marks a damaged type.
 constexpr uint32_t kAttributeTypeCheckMask = 0xFFFFFC0F;
@@ -106,6 +119,15 @@ constexpr int kFileNameUnitsOffset = 0x42;
 constexpr uint32_t kFileNameIsDirectory = 0x10000000;
 // Name spaces: bit 0 Win32, bit 1 DOS; 0 is POSIX.
 constexpr uint8_t kNamespaceDos = 0x02;
+
+// The volume's own files, by record number. Records below the first user
+// record are never listed.
+constexpr int64_t kMftRecord = 0;
+constexpr int64_t kMftMirrorRecord = 1;
+constexpr int64_t kVolumeRecord = 3;
+constexpr int64_t kRootDirectoryRecord = 5;
+constexpr int64_t kBitmapRecord = 6;
+constexpr int64_t kFirstUserRecord = 12;
 
 // Names are counted by a byte.
 constexpr int kMaxAttributeNameLength = 255;

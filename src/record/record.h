@@ -16,7 +16,7 @@ namespace ntfs {
 
 class CRecord {
 public:
-    CRecord() : Image(nullptr), CleanImage(nullptr), Modified(0), Valid(0) {}
+    CRecord() : Image(nullptr), CleanImage(nullptr), Modified(0), Valid(0), MemoryShortfalls(0) {}
     CRecord(const CRecord&) = delete;
     CRecord& operator=(const CRecord&) = delete;
 
@@ -32,6 +32,10 @@ public:
     uint8_t* CleanImage;  // the backup copy of the last accepted state, owned
     int Modified;
     int Valid;
+    // Counts the times the object, or a parse of its image, could not get
+    // the memory it needed; what is missing then is no fault of the disk.
+    // A new object with a count is not to be used for the disk's contents.
+    int MemoryShortfalls;
 };
 
 }  // namespace ntfs

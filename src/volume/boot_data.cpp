@@ -73,7 +73,15 @@ int CNTFSVolume::LoadBootupData(int64_t sector) {
             LastError = ERROR_NOT_ENOUGH_MEMORY;
             return 0;
         }
-        int64_t recordSector = static_cast<int64_t>(GetClusterSectors()) * candidates[attempt];
+        // An LCN whose sector number does not fit in 64 bits names no place
+        // on any volume: the boot sector is damaged.
+        int64_t recordSector = 0;
+        if (candidates[attempt] < 0 ||
+            __builtin_mul_overflow(candidates[attempt], GetClusterSectors(), &recordSector)) {
+            std::free(buffer);
+            LastError = ERROR_UNRECOGNIZED_VOLUME;
+            return 0;
+        }
         LastError = Storage->ReadSectors(buffer, &recordSector, FileRecordSectors, &done, nullptr);
         if (LastError != ERROR_SUCCESS) {
             std::free(buffer);

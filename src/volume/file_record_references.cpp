@@ -34,10 +34,11 @@ unsigned int CNTFSVolume::ReferenceFileRecord(int64_t number, CFullFileRecord** 
     const int recordSize = GetFileRecordSize();
     void* buffer = std::malloc(static_cast<size_t>(recordSize > 0 ? recordSize : 1));
     if (buffer == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
-    LastError = ReadFileRecord(&number, buffer);
-    if (LastError != ERROR_SUCCESS) {
+    const unsigned int read = ReadFileRecord(&number, buffer);
+    LastError = read;
+    if (read != ERROR_SUCCESS) {
         std::free(buffer);
-        return LastError;
+        return read;
     }
     auto* loaded = new (std::nothrow) CFullFileRecord(number, buffer, this);
     if (loaded == nullptr) {
@@ -45,8 +46,12 @@ unsigned int CNTFSVolume::ReferenceFileRecord(int64_t number, CFullFileRecord** 
         return ERROR_NOT_ENOUGH_MEMORY;
     }
     if (!loaded->IsValid()) {
+        // A record that could not be built for lack of memory is no damage
+        // of the disk; one that never took the buffer leaves it here.
+        const bool memory = loaded->CFileRecord::MemoryShortfalls != 0;
+        if (loaded->CFileRecord::Image == nullptr) std::free(buffer);
         delete loaded;
-        return ERROR_FILE_CORRUPT;
+        return memory ? ERROR_NOT_ENOUGH_MEMORY : ERROR_FILE_CORRUPT;
     }
     const unsigned int code = loaded->LoadExtensionRecords();
     if (code != ERROR_SUCCESS) {

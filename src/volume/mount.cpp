@@ -21,11 +21,6 @@ namespace ntfs {
 
 namespace {
 
-constexpr int64_t kMftRecord = 0;
-constexpr int64_t kMftMirrorRecord = 1;
-constexpr int64_t kVolumeRecord = 3;
-constexpr int64_t kRootRecord = 5;
-constexpr int64_t kBitmapRecord = 6;
 constexpr int kVersionMajorOffset = 8;
 constexpr int kVersionMinorOffset = 9;
 
@@ -151,7 +146,7 @@ int CNTFSVolume::Mount() {
 
     // The root's reference is kept for the life of the volume.
     CFullFileRecord* root = nullptr;
-    if (!ReferenceSystemRecord(kRootRecord, &root)) return 0;
+    if (!ReferenceSystemRecord(kRootDirectoryRecord, &root)) return 0;
 
     CFullFileRecord* bitmapRecord = nullptr;
     if (!ReferenceSystemRecord(kBitmapRecord, &bitmapRecord)) return 0;

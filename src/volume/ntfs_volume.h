@@ -153,6 +153,8 @@ public:
                                                              int ignoreExclusions);
     [[nodiscard]] unsigned int SearchSpareClusterAndAllocateWithLeastItemNumber(
         int wanted, int64_t* start, int* got, int least, int ignoreExclusions);
+    // Frees `count` clusters at `*start`; ERROR_INVALID_PARAMETER, nothing
+    // changed, for clusters outside the volume.
     [[nodiscard]] unsigned int FreeClusters(int64_t* start, int count);
     // Gives record `number` back to the MFT (flags cleared on disk, bit
     // cleared), under the exclusive lock of $MFT.
@@ -204,6 +206,11 @@ protected:
     // Writes the base record and each modified extension record, and clears
     // the modified flags when all went well. Result also in LastError.
     unsigned int WriteFullRecord(CFullFileRecord* record);
+    // UpdateFileRecord with the code as its result (also left in LastError),
+    // for callers that decide by it: LastError is shared by all threads, so
+    // reading it back may give another operation's code.
+    unsigned int WriteChangedRecord(CFullFileRecord* record, int64_t* accessTime, int64_t* writeTime,
+                                    int64_t* changeTime);
     // References a system record for Mount: 1, or 0 with LastError set (a
     // record that fails its checks is an unrecognised volume).
     int ReferenceSystemRecord(int64_t number, CFullFileRecord** record, bool releaseInvalid = true);
@@ -227,10 +234,16 @@ protected:
     // Empties attribute (type, name) of `record`: extra instances go, the
     // first becomes an empty resident value. Nothing is written.
     unsigned int TruncateFile(CFullFileRecord* record, uint32_t type, const char16_t* name, int nameLength);
-    // Gives the clusters of a non-resident attribute back to the volume.
+    // Gives the clusters of a non-resident attribute back to the volume: 0,
+    // or ERROR_FILE_CORRUPT with nothing freed when its run list is damaged
+    // or leaves the volume.
     unsigned int FreeAttributeClusters(CAttribute* attribute);
     // The open file handle with this value, or null.
     CFileHandle* LookUpFileHandle(void* handle);
+    // The handle of a ReadFile or WriteFile after the checks both share: a
+    // known handle (else 6), the `access` bit (else 5), a size that is not
+    // negative (else 87). Null with LastError set when one fails.
+    CFileHandle* TransferHandle(void* handle, unsigned int access, int size);
     // The open handle of `name` (folded path, compared ignoring case),
     // skipping `index` matches; no reference is added.
     CFileHandle* GetFileHandleByFileName(const char16_t* name, int index);

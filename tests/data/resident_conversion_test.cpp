@@ -8,6 +8,7 @@
 #include "data/bitmap_data.h"
 #include "foundation/endian.h"
 #include "foundation/log.h"
+#include "ntfskit.h"
 #include "record/full_file_record.h"
 #include "record/layout.h"
 #include "support/fixture.h"
@@ -68,6 +69,38 @@ TEST(ResidentConversion, ValueLeavesItsRecordIntact) {
             EXPECT_EQ(test::RunTool("ntfsfix -n " + test::ShellQuote(saved)).status, 0);
         }
     }
+}
+
+// A compressed resident file whose growth cannot be written compressed keeps
+// its data: the failed conversion puts the resident value back, so the file
+// reads as before, in this mount and after it.
+TEST(ResidentConversion, AFailedCompressedConversionKeepsTheData) {
+    const std::vector<ManifestEntry> manifest = test::LoadManifest("c4k");
+    const ManifestEntry* tiny = Find(manifest, "\\compressed\\tiny.txt");
+    ASSERT_NE(tiny, nullptr);
+    MountedVolume mounted("c4k");
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    const char16_t* path = u"\\compressed\\tiny.txt";
+    void* file = volume->CreateFileA(path, 0, kOpenExisting, kAccessRead | kAccessWrite | kAccessShareMask);
+    ASSERT_NE(file, nullptr);
+    unsigned int low = 0;
+    ASSERT_EQ(volume->SetFilePointer(file, &low, nullptr, kFileEnd), ERROR_SUCCESS);
+    const std::vector<uint8_t> growth(4000, 'x');
+    int done = 0;
+    EXPECT_EQ(volume->WriteFile(file, growth.data(), static_cast<int>(growth.size()), &done), 0);
+    EXPECT_EQ(done, 0);
+    EXPECT_EQ(volume->CloseFileHandle(file), 1);
+
+    file = volume->CreateFileA(path, 0, kOpenExisting, kAccessRead | kAccessShareMask);
+    ASSERT_NE(file, nullptr);
+    std::vector<uint8_t> content(tiny->size + 100);
+    ASSERT_EQ(volume->ReadFile(file, content.data(), static_cast<int>(content.size()), &done), 1);
+    EXPECT_EQ(test::Sha256Hex(content.data(), static_cast<size_t>(done)), tiny->sha256);
+    EXPECT_EQ(volume->CloseFileHandle(file), 1);
+    const std::string saved = mounted.UnmountToFile();
+    const std::string onDisk = Icat(saved, std::to_string(tiny->record));
+    EXPECT_EQ(test::Sha256Hex(onDisk.data(), onDisk.size()), tiny->sha256);
 }
 
 TEST(BitmapResize, GrowsInPlaceAndNeverShrinks) {

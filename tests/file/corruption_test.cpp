@@ -32,7 +32,7 @@ void WalkAndRead(CNTFSVolume* volume, const std::u16string& directory, int depth
     if (find == nullptr) return;
     std::vector<std::pair<std::u16string, bool>> children;
     do {
-        if (data.FileName[0] != 0) children.push_back({data.FileName, (data.FileAttributes & 0x10) != 0});
+        if (data.FileName[0] != 0) children.push_back({data.FileName, (data.FileAttributes & kFileAttributeDirectory) != 0});
         ++*operations;
     } while (volume->FindNextFileA(find, &data) && *operations < 5000);
     volume->CloseFindHandle(find);
@@ -43,7 +43,7 @@ void WalkAndRead(CNTFSVolume* volume, const std::u16string& directory, int depth
             WalkAndRead(volume, path, depth + 1, operations);
             continue;
         }
-        void* file = volume->CreateFileA(path.c_str(), 0, 3, kAccessRead | kAccessShareMask);
+        void* file = volume->CreateFileA(path.c_str(), 0, kOpenExisting, kAccessRead | kAccessShareMask);
         if (file == nullptr) continue;
         int done = 0;
         for (int chunk = 0; chunk < 64 && volume->ReadFile(file, buffer.data(), 65536, &done) && done > 0; ++chunk) {

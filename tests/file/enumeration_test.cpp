@@ -103,7 +103,7 @@ TEST(Enumeration, EveryDirectoryListsTheManifestNames) {
                 });
                 if (match == expected.end()) continue;
                 EXPECT_EQ(item.record, (*match)->record);
-                EXPECT_EQ((item.attributes & 0x10) != 0, (*match)->is_dir);
+                EXPECT_EQ((item.attributes & kFileAttributeDirectory) != 0, (*match)->is_dir);
                 if (!(*match)->is_dir && (*match)->links == 1) {
                     EXPECT_EQ(item.size, (*match)->size);
                 }

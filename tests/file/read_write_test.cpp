@@ -4,10 +4,13 @@
 // independent readers after close and unmount.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "file/file_handle.h"
+#include "foundation/endian.h"
 #include "foundation/log.h"
 #include "support/fixture.h"
 #include "support/mounted_volume.h"
@@ -20,7 +23,6 @@ using test::LoadManifest;
 using test::ManifestEntry;
 using test::MountedVolume;
 
-constexpr unsigned int kOpenExisting = 3;
 constexpr unsigned int kReadShared = kAccessRead | kAccessShareMask;
 constexpr unsigned int kReadWriteShared = kAccessRead | kAccessWrite | kAccessShareMask;
 
@@ -107,7 +109,7 @@ TEST(FileWrite, GrowthSeenByIndependentReaders) {
         void* handle = volume->CreateFileA(u"\\data\\large-random.bin", 0, kOpenExisting, kReadWriteShared);
         ASSERT_NE(handle, nullptr);
         unsigned int low = 777;
-        ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, 0), ERROR_SUCCESS);
+        ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileBegin), ERROR_SUCCESS);
         const std::vector<uint8_t> middle = Pattern(10000, 1);
         int done = 0;
         ASSERT_EQ(volume->WriteFile(handle, middle.data(), 10000, &done), 1);
@@ -115,7 +117,7 @@ TEST(FileWrite, GrowthSeenByIndependentReaders) {
         expectedLarge.replace(777, middle.size(), std::string(middle.begin(), middle.end()));
         // Append across many clusters at the end.
         low = 0;
-        ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, 2), ERROR_SUCCESS);
+        ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileEnd), ERROR_SUCCESS);
         const std::vector<uint8_t> tail = Pattern(300000, 2);
         ASSERT_EQ(volume->WriteFile(handle, tail.data(), static_cast<int>(tail.size()), &done), 1);
         ASSERT_EQ(volume->GetLastError(), ERROR_SUCCESS);
@@ -128,7 +130,7 @@ TEST(FileWrite, GrowthSeenByIndependentReaders) {
         ASSERT_NE(handle, nullptr);
         for (int round = 0; round < 40; ++round) {
             low = 0;
-            ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, 2), ERROR_SUCCESS);
+            ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileEnd), ERROR_SUCCESS);
             const std::vector<uint8_t> piece = Pattern(97, static_cast<uint8_t>(round));
             ASSERT_EQ(volume->WriteFile(handle, piece.data(), 97, &done), 1) << volume->GetLastError();
             EXPECT_EQ(done, 97);
@@ -170,16 +172,16 @@ TEST(FileHandles, AccessSharingDispositionsAndSeeking) {
     CNTFSVolume* volume = mounted.Volume();
     const char16_t* path = u"\\data\\small-600.bin";
     // Read-only handle cannot write; write-only cannot read.
-    void* reader = volume->CreateFileA(path, 0, kOpenExisting, kAccessRead | 0x08);
+    void* reader = volume->CreateFileA(path, 0, kOpenExisting, kAccessRead | kAccessShareRead);
     ASSERT_NE(reader, nullptr);
     int done = 0;
     char buffer[64];
     EXPECT_EQ(volume->WriteFile(reader, buffer, 10, &done), 0);
     EXPECT_EQ(volume->GetLastError(), ERROR_ACCESS_DENIED);
     // Sharing: a second open needs a sharing bit in common.
-    EXPECT_EQ(volume->CreateFileA(path, 0, kOpenExisting, kAccessRead | 0x10), nullptr);
+    EXPECT_EQ(volume->CreateFileA(path, 0, kOpenExisting, kAccessRead | kAccessShareWrite), nullptr);
     EXPECT_EQ(volume->GetLastError(), ERROR_ACCESS_DENIED);
-    void* writer = volume->CreateFileA(u"\\DATA\\small-600.BIN", 0, kOpenExisting, kAccessWrite | 0x18);
+    void* writer = volume->CreateFileA(u"\\DATA\\small-600.BIN", 0, kOpenExisting, kAccessWrite | kAccessShareMask);
     ASSERT_NE(writer, nullptr);
     EXPECT_EQ(volume->ReadFile(writer, buffer, 10, &done), 0);
     EXPECT_EQ(volume->GetLastError(), ERROR_ACCESS_DENIED);
@@ -187,16 +189,16 @@ TEST(FileHandles, AccessSharingDispositionsAndSeeking) {
     // Seeking: end, before the end, beyond the size.
     unsigned int low = 0;
     int high = 0;
-    EXPECT_EQ(volume->SetFilePointer(reader, &low, &high, 2), ERROR_SUCCESS);
+    EXPECT_EQ(volume->SetFilePointer(reader, &low, &high, kFileEnd), ERROR_SUCCESS);
     EXPECT_EQ(low, 600u);
     low = 10;
-    EXPECT_EQ(volume->SetFilePointer(reader, &low, &high, 2), ERROR_SUCCESS);
+    EXPECT_EQ(volume->SetFilePointer(reader, &low, &high, kFileEnd), ERROR_SUCCESS);
     EXPECT_EQ(low, 590u);
     low = 5000;
-    EXPECT_EQ(volume->SetFilePointer(reader, &low, &high, 2), ERROR_SUCCESS);
+    EXPECT_EQ(volume->SetFilePointer(reader, &low, &high, kFileEnd), ERROR_SUCCESS);
     EXPECT_EQ(low, 0u);
     low = 5000;
-    EXPECT_EQ(volume->SetFilePointer(reader, &low, &high, 0), ERROR_SUCCESS);
+    EXPECT_EQ(volume->SetFilePointer(reader, &low, &high, kFileBegin), ERROR_SUCCESS);
     EXPECT_EQ(low, 600u);
     EXPECT_EQ(volume->ReadFile(reader, buffer, 64, &done), 1);
     EXPECT_EQ(done, 0);
@@ -206,13 +208,13 @@ TEST(FileHandles, AccessSharingDispositionsAndSeeking) {
     // Closed and unknown handles.
     EXPECT_EQ(volume->CloseFileHandle(reader), 0);
     EXPECT_EQ(volume->GetLastError(), ERROR_INVALID_HANDLE);
-    EXPECT_EQ(volume->SetFilePointer(reader, &low, &high, 0), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(volume->SetFilePointer(reader, &low, &high, kFileBegin), ERROR_INVALID_HANDLE);
     unsigned int size = 0;
     EXPECT_EQ(volume->GetFileSize(reader, &size, nullptr), 0);
     // Dispositions: absent files, existing ones, directories, bad paths.
     EXPECT_EQ(volume->CreateFileA(u"\\data\\absent.bin", 0, kOpenExisting, kReadShared), nullptr);
     EXPECT_EQ(volume->GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(volume->CreateFileA(path, 0, 1, kReadShared), nullptr);
+    EXPECT_EQ(volume->CreateFileA(path, 0, kCreateNew, kReadShared), nullptr);
     EXPECT_EQ(volume->GetLastError(), ERROR_FILE_EXISTS);
     EXPECT_EQ(volume->CreateFileA(u"\\data", 0, kOpenExisting, kReadShared), nullptr);
     EXPECT_EQ(volume->GetLastError(), ERROR_INVALID_PARAMETER);
@@ -229,7 +231,7 @@ TEST(FileHandles, TruncateOnOpenAndZeroWriteShorten) {
     MountedVolume mounted("c4k");
     ASSERT_EQ(mounted.Mount(), 1);
     CNTFSVolume* volume = mounted.Volume();
-    void* handle = volume->CreateFileA(u"\\data\\exact-cluster.bin", 0, 5, kReadWriteShared);
+    void* handle = volume->CreateFileA(u"\\data\\exact-cluster.bin", 0, kTruncateExisting, kReadWriteShared);
     ASSERT_NE(handle, nullptr) << volume->GetLastError();
     unsigned int size = 99;
     ASSERT_EQ(volume->GetFileSize(handle, &size, nullptr), 1);
@@ -239,7 +241,7 @@ TEST(FileHandles, TruncateOnOpenAndZeroWriteShorten) {
     handle = volume->CreateFileA(u"\\data\\large-random.bin", 0, kOpenExisting, kReadWriteShared);
     ASSERT_NE(handle, nullptr);
     unsigned int low = 1000;
-    ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, 0), ERROR_SUCCESS);
+    ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileBegin), ERROR_SUCCESS);
     int done = 0;
     EXPECT_EQ(volume->WriteFile(handle, "", 0, &done), 1);
     EXPECT_EQ(volume->CloseFileHandle(handle), 1);
@@ -248,6 +250,92 @@ TEST(FileHandles, TruncateOnOpenAndZeroWriteShorten) {
     EXPECT_EQ(Icat(saved, Find(manifest, "\\data\\exact-cluster.bin")->record).size(), 0u);
     EXPECT_EQ(Icat(saved, Find(manifest, "\\data\\large-random.bin")->record).size(), 1000u);
     EXPECT_EQ(test::RunTool("ntfsfix -n " + test::ShellQuote(saved)).status, 0);
+}
+
+// A negative size asks for nothing: no read, no write, no shortening of a
+// non-resident file (only a write of no bytes shortens), no growth of a
+// resident one.
+TEST(FileHandles, NegativeSizesAreRefusedAndChangeNothing) {
+    MountedVolume mounted("c4k");
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    const std::vector<ManifestEntry> manifest = LoadManifest("c4k");
+    const std::string original = test::FixturePath("c4k");
+    struct Case {
+        const char16_t* path;
+        const char* name;
+    };
+    for (const Case& file : {Case{u"\\data\\large-random.bin", "\\data\\large-random.bin"},
+                             Case{u"\\readme.txt", "\\readme.txt"}}) {
+        SCOPED_TRACE(file.name);
+        void* handle = volume->CreateFileA(file.path, 0, kOpenExisting, kReadWriteShared);
+        ASSERT_NE(handle, nullptr) << volume->GetLastError();
+        unsigned int size = 0;
+        ASSERT_EQ(volume->GetFileSize(handle, &size, nullptr), 1);
+        unsigned int low = 100;
+        ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileBegin), ERROR_SUCCESS);
+        std::vector<uint8_t> buffer(64, 0xEE);
+        for (const int negative : {-1, -64, INT32_MIN}) {
+            int done = 7;
+            EXPECT_EQ(volume->WriteFile(handle, buffer.data(), negative, &done), 0);
+            EXPECT_EQ(volume->GetLastError(), ERROR_INVALID_PARAMETER);
+            EXPECT_EQ(done, 0);
+            done = 7;
+            EXPECT_EQ(volume->ReadFile(handle, buffer.data(), negative, &done), 0);
+            EXPECT_EQ(volume->GetLastError(), ERROR_INVALID_PARAMETER);
+            EXPECT_EQ(done, 0);
+        }
+        EXPECT_TRUE(std::all_of(buffer.begin(), buffer.end(), [](uint8_t byte) { return byte == 0xEE; }));
+        unsigned int after = 0;
+        ASSERT_EQ(volume->GetFileSize(handle, &after, nullptr), 1);
+        EXPECT_EQ(after, size);
+        low = 0;
+        ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileCurrent), ERROR_SUCCESS);
+        EXPECT_EQ(low, 100u);
+        EXPECT_EQ(volume->CloseFileHandle(handle), 1) << volume->GetLastError();
+    }
+    const std::string saved = mounted.UnmountToFile();
+    for (const char* path : {"\\data\\large-random.bin", "\\readme.txt"}) {
+        const ManifestEntry* entry = Find(manifest, path);
+        ASSERT_NE(entry, nullptr);
+        EXPECT_TRUE(Icat(saved, entry->record) == Cat(original, entry->record)) << path;
+    }
+}
+
+// A file record the device cannot read: the open answers the device's own
+// code, not a verdict on the record.
+TEST(FileHandles, AnUnreadableFileRecordAnswersTheDeviceCode) {
+    const std::vector<ManifestEntry> manifest = LoadManifest("c4k");
+    const ManifestEntry* entry = Find(manifest, "\\readme.txt");
+    ASSERT_NE(entry, nullptr);
+    const std::vector<uint8_t> image = test::LoadImage("c4k");
+    const int64_t clusterSectors = image[13];
+    const int64_t sector = ReadI64(image.data(), 48) * clusterSectors + entry->record * 2;
+    {
+        // The record lies where the first run of $MFT puts it: an open reads it there.
+        MountedVolume mounted(image);
+        ASSERT_EQ(mounted.Mount(), 1);
+        mounted.Faults().ClearLogs();
+        void* handle = mounted.Volume()->CreateFileA(u"\\readme.txt", 0, kOpenExisting, kReadShared);
+        ASSERT_NE(handle, nullptr);
+        EXPECT_TRUE(std::any_of(mounted.Faults().ReadLog().begin(), mounted.Faults().ReadLog().end(),
+                                [&](const test::FaultStorage::ReadEntry& read) {
+                                    return read.sector <= sector && sector < read.sector + read.count;
+                                }));
+        EXPECT_EQ(mounted.Volume()->CloseFileHandle(handle), 1);
+    }
+    for (const unsigned int code : {ERROR_IO_DEVICE, ERROR_SECTOR_NOT_FOUND}) {
+        MountedVolume mounted(image);
+        ASSERT_EQ(mounted.Mount(), 1);
+        mounted.Faults().FailReadsOfSector(sector, code);
+        EXPECT_EQ(mounted.Volume()->CreateFileA(u"\\readme.txt", 0, kOpenExisting, kReadShared), nullptr);
+        EXPECT_EQ(mounted.Volume()->GetLastError(), code);
+        // Once the device reads again, so does the file.
+        mounted.Faults().Heal();
+        void* handle = mounted.Volume()->CreateFileA(u"\\readme.txt", 0, kOpenExisting, kReadShared);
+        ASSERT_NE(handle, nullptr) << mounted.Volume()->GetLastError();
+        EXPECT_EQ(mounted.Volume()->CloseFileHandle(handle), 1);
+    }
 }
 
 }  // namespace

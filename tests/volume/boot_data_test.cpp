@@ -9,6 +9,7 @@
 #include "foundation/log.h"
 #include "memory_storage.h"
 #include "support/fault_storage.h"
+#include "support/fixture.h"
 #include "volume/ntfs_volume.h"
 
 namespace ntfs {
@@ -161,6 +162,34 @@ TEST(BootData, DeviceErrorOnBootSectorPassesThrough) {
     int64_t sectors = -1;
     device.volume.GetVolumeSectorNumber(&sectors);
     EXPECT_EQ(sectors, 0);  // the image stays cleared after a read error
+}
+
+// An LCN whose sector number passes 64 bits names no place: the boot sector
+// is damaged (1005), and the product is not taken modulo 2^64 to some other
+// place. On "c4k", each LCN is made 2^61 clusters larger than the real one
+// (8 sectors a cluster: the product would wrap onto the real place); the
+// mount then goes on with the intact backup boot sector.
+TEST(BootData, LcnBeyondSixtyFourBitSectorsIsADamagedBootSector) {
+    for (const int field : {kBootMftLcnOffset, kBootMftMirrorLcnOffset}) {
+        SCOPED_TRACE(field);
+        std::vector<uint8_t> image = test::LoadImage("c4k");
+        WriteU64(image.data(), field, static_cast<uint64_t>(ReadI64(image.data(), field)) + (uint64_t{1} << 61));
+        // The mirror is read only after the record at the $MFT location
+        // failed its checks: here it is the boot sector.
+        if (field == kBootMftMirrorLcnOffset) WriteU64(image.data(), kBootMftLcnOffset, 0);
+        {
+            MemoryStorage memory(image);
+            FaultStorage faults(&memory);
+            ProbeVolume volume(&faults);
+            EXPECT_EQ(volume.LoadBootupData(0), 0);
+            EXPECT_EQ(volume.GetLastError(), ERROR_UNRECOGNIZED_VOLUME);
+        }
+        MemoryStorage memory(image);
+        FaultStorage faults(&memory);
+        CNTFSVolume volume(&faults);
+        EXPECT_EQ(volume.Mount(), 1) << volume.GetLastError();
+        EXPECT_EQ(volume.Umount(), 1);
+    }
 }
 
 TEST(CopySector, EmptyChunkedAndShort) {
