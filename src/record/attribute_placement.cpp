@@ -86,9 +86,10 @@ unsigned int CFullFileRecord::InsertAttribute(CAttribute** attribute) {
     const int size = (*attribute)->Size;
     if (GetFreeSpace() >= size) {
         CAttribute* placed = CFileRecord::InsertAttribute(*attribute);
+        // The record's objects are new whether or not the insertion worked.
+        RebuildMergedTable();
         if (placed == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
         *attribute = placed;
-        RebuildMergedTable();
         const uint32_t type = placed->GetType();
         if (FindAttribute(AttributeAttributeList, nullptr, 0, 0) == nullptr || type == AttributeAttributeList) {
             return ERROR_SUCCESS;
