@@ -6,6 +6,7 @@
 #include "data/bitmap_data.h"
 #include "foundation/endian.h"
 #include "record/file_record.h"
+#include "record/full_file_record.h"
 #include "record/layout.h"
 #include "record/run_list.h"
 
@@ -47,12 +48,35 @@ void CountRuns(CFileRecord* record, std::vector<uint8_t>* owners, ClusterAudit* 
     }
 }
 
+// The whole value of a bitmap attribute, written back first when its
+// cached unit is dirty.
+std::vector<uint8_t> ReadBitmap(CBitmapData* bitmap) {
+    if (bitmap->IsDirty()) (void)bitmap->FlushBitmap();
+    CFullFileRecord* owner = bitmap->GetOwner();
+    const int64_t size = owner->GetAttributeDataSize(bitmap->GetAttributeType(), bitmap->GetAttributeName(),
+                                                     bitmap->GetNameLength());
+    std::vector<uint8_t> bytes(static_cast<size_t>(size > 0 ? size : 0));
+    int64_t offset = 0;
+    uint32_t read = 0;
+    (void)owner->ReadAttribute(bitmap->GetAttributeType(), bitmap->GetAttributeName(), bitmap->GetNameLength(),
+                               &offset, static_cast<uint32_t>(bytes.size()), bytes.data(), &read);
+    bytes.resize(read);
+    return bytes;
+}
+
+bool BitSet(const std::vector<uint8_t>& bits, int64_t item) {
+    const auto byte = static_cast<size_t>(item / 8);
+    return byte < bits.size() && (bits[byte] & (1u << (item & 7))) != 0;
+}
+
 }  // namespace
 
 ClusterAudit AuditClusters(CNTFSVolume* volume) {
     ClusterAudit audit;
     CClusterBitmap* clusters = volume->GetClusterBitmap();
     CFileRecordBitmap* records = volume->GetMftBitmap();
+    const std::vector<uint8_t> clusterBits = ReadBitmap(clusters);
+    const std::vector<uint8_t> recordBits = ReadBitmap(records);
     std::vector<uint8_t> owners(static_cast<size_t>(clusters->GetItemCount()), 0);
     const int recordSize = volume->GetFileRecordSize();
     for (int64_t number = 0; number < records->GetItemCount(); ++number) {
@@ -66,10 +90,7 @@ ClusterAudit AuditClusters(CNTFSVolume* volume) {
         }
         const bool inUse = ReadU32(static_cast<uint8_t*>(buffer), kFileMagicOffset) == kFileRecordMagic &&
                            (ReadU16(static_cast<uint8_t*>(buffer), kFileFlagsOffset) & kFileRecordInUse) != 0;
-        bool bit = false;
-        (void)records->IsItemInUse(number, &bit);
-        // Records 16 to 23 are reserved: their bits are set with nothing in them.
-        if (bit != inUse && !(number >= 16 && number < 24)) {
+        if (BitSet(recordBits, number) != inUse) {
             ++audit.RecordMismatches;
             Note(&audit, "record " + std::to_string(number) + (inUse ? " in use, bit clear" : " free, bit set"));
         }
@@ -77,8 +98,7 @@ ClusterAudit AuditClusters(CNTFSVolume* volume) {
         if (inUse && record.IsValid()) CountRuns(&record, &owners, &audit);
     }
     for (int64_t c = 0; c < static_cast<int64_t>(owners.size()); ++c) {
-        bool set = false;
-        (void)clusters->IsItemInUse(c, &set);
+        const bool set = BitSet(clusterBits, c);
         if (!set) ++audit.FreeClusters;
         if (owners[static_cast<size_t>(c)] != 0 && !set) {
             ++audit.OwnedButFree;
