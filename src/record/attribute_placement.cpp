@@ -183,16 +183,25 @@ unsigned int CFullFileRecord::MoveAttributeToExtension(int needed) {
     if (candidate == nullptr || candidate->Size > room) return ERROR_INTERNAL_ERROR;
     CAttribute* moving = candidate;
     CAttribute* clone = nullptr;
+    CFileRecord* from = nullptr;
     if (candidate->InRecord) {
         clone = candidate->Clone();
         if (clone == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
-        candidate->Record->RemoveAttribute(candidate);
+        from = candidate->Record;
+        from->RemoveAttribute(candidate);
         moving = clone;
     }
-    (void)last->InsertAttribute(moving);
+    const uint32_t type = moving->GetType();
+    CAttribute* placed = last->InsertAttribute(moving);
+    unsigned int code = ERROR_SUCCESS;
+    if (placed == nullptr || placed->GetType() != type) {
+        // Not placed: it goes back where it was rather than be lost.
+        if (from != nullptr) (void)from->InsertAttribute(moving);
+        code = ERROR_NOT_ENOUGH_MEMORY;
+    }
     delete clone;
     RebuildMergedTable();
-    return ERROR_SUCCESS;
+    return code;
 }
 
 unsigned int CFullFileRecord::RebuildAttributeList() {
@@ -306,6 +315,9 @@ unsigned int CFullFileRecord::RebuildAttributeList() {
 unsigned int CFullFileRecord::DeleteAttribute(CAttribute* attribute) {
     CFileRecord* holder = attribute->Record != nullptr ? attribute->Record : this;
     holder->RemoveAttribute(attribute);
+    // A record joined in this session has no owner to rebuild the merged
+    // table for it: the table is made anew before it is searched.
+    RebuildMergedTable();
     CAttribute* list = FindAttribute(AttributeAttributeList, nullptr, 0, 0);
     if (list == nullptr) {
         RebuildMergedTable();

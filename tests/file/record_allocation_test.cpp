@@ -255,6 +255,18 @@ TEST(RecordAllocation, GrowthThatRunsOutOfSpaceGivesEverythingBack) {
         const std::vector<uint8_t> remounted = ReadAll(again.Volume(), u"\\frag\\fragmented-A.txt");
         EXPECT_EQ(test::Sha256Hex(remounted.data(), remounted.size()), sha);
     }
+    // Grown and truncated in one mount: the records made in it go again.
+    MountedVolume mounted("c512");
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    std::vector<uint8_t> content;
+    EXPECT_EQ(AppendUntilFull(volume, u"\\frag\\fragmented-A.txt", &content, 65536), ERROR_HANDLE_DISK_FULL);
+    EXPECT_GT(ExtensionRecords(volume, 106), 4);
+    void* handle = volume->CreateFileA(u"\\frag\\fragmented-A.txt", 0, kTruncateExisting, kReadWrite);
+    ASSERT_NE(handle, nullptr) << volume->GetLastError();
+    EXPECT_EQ(volume->CloseFileHandle(handle), 1) << volume->GetLastError();
+    EXPECT_EQ(ExtensionRecords(volume, 106), 1);
+    ExpectAudited(volume);
 }
 
 }  // namespace
