@@ -91,6 +91,7 @@ int64_t Append(CNTFSVolume* volume, const char16_t* path, std::vector<uint8_t>* 
     unsigned int low = 0;
     EXPECT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileEnd), 0u);
     if (other != nullptr) {
+        low = 0;
         EXPECT_EQ(volume->SetFilePointer(other, &low, nullptr, kFileEnd), 0u);
     }
     int64_t appended = 0;
@@ -177,8 +178,6 @@ void GrowAndTruncate(const std::string& fixture, const char16_t* path, int64_t n
     ASSERT_NE(handle, nullptr) << volume->GetLastError();
     CloseTolerantOfOtherNames(volume, handle);
     const int recordsTruncated = ExtensionRecords(volume, number);
-    std::printf("%s record %lld truncated: extension records %d\n", fixture.c_str(), static_cast<long long>(number),
-                recordsTruncated);
     // The first piece stays where it was, also when a spill moved it whole
     // into an extension record; every other extension record made goes.
     EXPECT_LE(recordsTruncated, recordsBefore + 1);
@@ -186,6 +185,8 @@ void GrowAndTruncate(const std::string& fixture, const char16_t* path, int64_t n
     _VOLUME_SPACE emptied{};
     ASSERT_EQ(volume->GetVolumeSpace(&emptied), 0u);
     EXPECT_EQ(emptied.FreeClusters - grown.FreeClusters, held - ClustersHeld(volume, number));
+    std::printf("%s record %lld truncated: extension records %d, free clusters %lld\n", fixture.c_str(),
+                static_cast<long long>(number), recordsTruncated, static_cast<long long>(emptied.FreeClusters));
     const std::string truncated = again.UnmountToFile();
     EXPECT_EQ(Tool("ntfscat -i " + n + " " + test::ShellQuote(truncated) + " 2>/dev/null").size(), 0u);
     EXPECT_EQ(test::RunTool("ntfsfix -n " + test::ShellQuote(truncated)).status, 0);
@@ -284,6 +285,7 @@ struct Interleaved {
         b = volume->CreateFileA(u"\\frag\\fragmented-B.txt", 0, kOpenExisting, kReadWrite);
         unsigned int low = 0;
         EXPECT_EQ(volume->SetFilePointer(a, &low, nullptr, kFileEnd), 0u);
+        low = 0;
         EXPECT_EQ(volume->SetFilePointer(b, &low, nullptr, kFileEnd), 0u);
     }
     // Appends one cluster to A (its bytes also to `content` when written)
