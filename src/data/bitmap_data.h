@@ -129,6 +129,22 @@ public:
     CFileRecordBitmap(CNTFSVolume* volume, CFullFileRecord* mft, int unitSize, int sectorsPerRecord,
                       int recordSize, int64_t recordCount);
 
+    // Takes one free record and stamps it as a blank record in use: its bit
+    // is set, its image on disk is a fresh FILE record with the in-use flag.
+    // With two free records or fewer left, first stamps up to ten new
+    // records out of the room $MFT's $DATA already owns. REQUIRES: the
+    // exclusive lock of Mft. 0 with `*index`, or ERROR_HANDLE_DISK_FULL (no
+    // free record and no room to make one), ERROR_NOT_ENOUGH_MEMORY, or a
+    // code of the reads and writes (the bit is then given back).
+    [[nodiscard]] unsigned int TakeRecord(int64_t* index, int ignoreExclusions);
+    // Stamps `count` records from `first` as free on disk: the signature and
+    // a zero flags word, every other byte as it was read.
+    [[nodiscard]] unsigned int InitializeRecords(int64_t first, int count);
+    // Makes record `*index` free: its flags word on disk is cleared and its
+    // bit cleared in the cached unit, which is written by the next load or at
+    // unmount. FreeRecords is left alone. REQUIRES: the exclusive lock of Mft.
+    [[nodiscard]] unsigned int ReleaseRecord(int64_t* index);
+
     CFullFileRecord* Mft;
     int SectorsPerFileRecord;
     int FileRecordSize;

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "data/bitmap_data.h"
 #include "file/find_handle.h"
@@ -43,7 +44,8 @@ CFileHandle::CFileHandle(CFindHandle* findHandle, CNTFSVolume* volume, unsigned 
       Compressed(0),
       StreamName{},
       StreamNameLength(0),
-      Deleted(0) {}
+      Deleted(0),
+      UnwrittenRuns() {}
 
 CFileHandle::~CFileHandle() {
     std::free(Path);
@@ -104,6 +106,73 @@ static CAttribute* LastDataPiece(CFullFileRecord* record) {
     }
 }
 
+// A new piece of the unnamed $DATA for an extension record: non-resident,
+// one run of `count` clusters at `lcn` (the run list restarts with each
+// piece), VCNs from `firstVcn`, all sizes 0.
+static CAttribute* BuildDataPiece(int64_t firstVcn, int64_t lcn, int count) {
+    auto* piece = new (std::nothrow) CAttribute(kNonResidentHeaderSize + 8, 0, nullptr);
+    if (piece == nullptr) return nullptr;
+    if (!piece->Valid) {
+        delete piece;
+        return nullptr;
+    }
+    WriteU32(piece->Header, kAttributeTypeOffset, AttributeData);
+    WriteU64(piece->Header, kNonResidentLowestVcnOffset, static_cast<uint64_t>(firstVcn));
+    WriteU64(piece->Header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(firstVcn - 1));
+    CAttribute* self = nullptr;
+    if (piece->AppendRun(lcn, count, &self) != ERROR_SUCCESS) {
+        delete piece;
+        return nullptr;
+    }
+    return piece;
+}
+
+unsigned int CFileHandle::SpillDataPiece(CAttribute* attribute, int64_t lcn, int take) {
+    CFileRecord* extension = nullptr;
+    unsigned int code = Volume->ReferenceEmptyFileRecordFromMFT(&extension, 0);
+    if (code != ERROR_SUCCESS) return code;
+    CAttribute* piece = nullptr;
+    const int64_t last = attribute->GetHighestVcn();
+    if (attribute->Record != nullptr && attribute->Record->Attributes.GetCount() > 1) {
+        // The piece shares its record: it moves whole, with the new run.
+        piece = attribute->Clone();
+        CAttribute* self = nullptr;
+        if (piece == nullptr || piece->AppendRun(lcn, take, &self) != ERROR_SUCCESS) code = ERROR_NOT_ENOUGH_MEMORY;
+        if (code == ERROR_SUCCESS) {
+            // Taken out of its record without rewriting the attribute list:
+            // a rewrite here would write records in which the file has no
+            // such piece at all until the spill completes. The spill's own
+            // rewrite follows at once and covers the move.
+            attribute->Record->RemoveAttribute(attribute);
+            FileRecord->RebuildMergedTable();
+        }
+    } else {
+        piece = BuildDataPiece(last + 1, lcn, take);
+        if (piece == nullptr) code = ERROR_NOT_ENOUGH_MEMORY;
+    }
+    if (code == ERROR_SUCCESS) {
+        // The piece covers its new run before it is written anywhere.
+        WriteU64(piece->Header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(last + take));
+        CAttribute* placed = extension->InsertAttribute(piece);
+        if (placed == nullptr || placed->GetType() != AttributeData) code = ERROR_NOT_ENOUGH_MEMORY;
+    }
+    delete piece;
+    if (code == ERROR_SUCCESS) code = FileRecord->AddExtensionRecord(extension);
+    if (code != ERROR_SUCCESS) {
+        (void)Volume->DeleteFileRecordFromMFT(extension->RecordNumber);
+        delete extension;
+    }
+    return code;
+}
+
+void CFileHandle::FreeUnwrittenRuns() {
+    for (int i = 0; i + 1 < UnwrittenRuns.GetCount(); i += 2) {
+        int64_t lcn = UnwrittenRuns.Get(i);
+        (void)Volume->FreeClusters(&lcn, static_cast<int>(UnwrittenRuns.Get(i + 1)));
+    }
+    UnwrittenRuns.Clear();
+}
+
 unsigned int CFileHandle::AllocateClusters(unsigned int clusters) {
     CAttribute* attribute = LastDataPiece(FileRecord);
     if (attribute == nullptr) return ERROR_FILE_CORRUPT;
@@ -119,9 +188,29 @@ unsigned int CFileHandle::AllocateClusters(unsigned int clusters) {
         endBytes < AllocatedSize) {
         return ERROR_FILE_CORRUPT;
     }
+    UnwrittenRuns.Clear();
     if (clusters == 0) return ERROR_SUCCESS;
     int64_t missing = clusters;
     int wanted = static_cast<int>(clusters);
+    // UnwrittenRuns holds the clusters taken since the records were last
+    // written, to be given back when the growth fails; the records return
+    // to what was last written.
+    int64_t written = 0;  // clusters made part of the file on disk by a spill
+    auto fail = [&](unsigned int code) {
+        FreeUnwrittenRuns();
+        FileRecord->Revert();
+        if (written > 0) {
+            // A spill has already written pieces that map these clusters:
+            // they stay the file's, and its allocated size covers them.
+            CAttribute* first = FileRecord->FindAttribute(AttributeData, nullptr, 0, 0);
+            const int64_t bytes = written * clusterSize;
+            WriteU64(first->Header, kNonResidentAllocatedSizeOffset,
+                     static_cast<uint64_t>(ReadI64(first->Header, kNonResidentAllocatedSizeOffset) + bytes));
+            first->Mark();
+            if (Volume->WriteGrownRecord(FileRecord) == ERROR_SUCCESS) AllocatedSize += bytes;
+        }
+        return code;
+    };
     // Each retry after a short answer asks for the longest stretch reported;
     // valid bitmaps answer it at once, so a bound only stops a damaged one.
     int retries = 0;
@@ -134,19 +223,38 @@ unsigned int CFileHandle::AllocateClusters(unsigned int clusters) {
             wanted = got;
             continue;
         }
-        if (code != ERROR_SUCCESS) return code;
-        const int take = got < missing ? got : static_cast<int>(missing);
+        if (code != ERROR_SUCCESS) return fail(code);
+        // The bitmap marks no more than was asked for, though the run it
+        // reports may be a few clusters longer: taking the reported length
+        // would map clusters that stay free, and the next allocation would
+        // hand them out again under data already written there.
+        int take = got < wanted ? got : wanted;
+        if (take > missing) take = static_cast<int>(missing);
+        if (UnwrittenRuns.InsertAfter(UnwrittenRuns.GetCount(), static_cast<intptr_t>(lcn)) == -2 ||
+            UnwrittenRuns.InsertAfter(UnwrittenRuns.GetCount(), static_cast<intptr_t>(take)) == -2) {
+            if (UnwrittenRuns.GetCount() % 2 != 0) UnwrittenRuns.RemoveAt(UnwrittenRuns.GetCount() - 1);
+            (void)Volume->FreeClusters(&lcn, take);
+            return fail(ERROR_NOT_ENOUGH_MEMORY);
+        }
         CAttribute* appended = nullptr;
         code = attribute->AppendRun(lcn, take, &appended);
-        if (code != ERROR_SUCCESS) {
-            // A run list that has filled its record needs an extension record,
-            // which this volume cannot make yet.
-            (void)Volume->FreeClusters(&lcn, got);
-            return code;
+        if (code == ERROR_INSUFFICIENT_BUFFER) {
+            // The piece has filled its record: the run opens a piece in a new
+            // extension record, and the records are written with it.
+            code = SpillDataPiece(attribute, lcn, take);
+            if (code != ERROR_SUCCESS) return fail(code);
+            FileRecord->Commit();
+            written = static_cast<int64_t>(clusters) - missing + take;
+            UnwrittenRuns.Clear();
+            attribute = LastDataPiece(FileRecord);
+            if (attribute == nullptr) return fail(ERROR_FILE_CORRUPT);
+        } else if (code != ERROR_SUCCESS) {
+            return fail(code);
+        } else {
+            WriteU64(attribute->Header, kNonResidentHighestVcnOffset,
+                     static_cast<uint64_t>(attribute->GetHighestVcn() + take));
+            attribute->Mark();
         }
-        WriteU64(attribute->Header, kNonResidentHighestVcnOffset,
-                 static_cast<uint64_t>(attribute->GetHighestVcn() + take));
-        attribute->Mark();
         missing -= take;
         if (wanted > missing) wanted = static_cast<int>(missing);
     }
@@ -154,6 +262,7 @@ unsigned int CFileHandle::AllocateClusters(unsigned int clusters) {
 }
 
 unsigned int CFileHandle::ReserveCompressedClusters(unsigned int* clusters) {
+    UnwrittenRuns.Clear();
     CAttribute* first = FileRecord->FindAttribute(AttributeData, nullptr, 0, 0);
     CAttribute* last = LastDataPiece(FileRecord);
     if (first == nullptr || last == nullptr || first->IsResident()) return ERROR_FILE_CORRUPT;

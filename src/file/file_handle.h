@@ -15,12 +15,14 @@
 #include <cstdint>
 
 #include "foundation/platform.h"
+#include "foundation/pointer_array.h"
 #include "foundation/share_element.h"
 #include "volume/volume.h"
 
 namespace ntfs {
 
 class CFindHandle;
+class CAttribute;
 class CFullFileRecord;
 class CNTFSVolume;
 
@@ -35,7 +37,17 @@ public:
     // record, sizes, form, times. 0 or a code.
     [[nodiscard]] unsigned int Initialize(const char16_t* path);
     // Adds `clusters` clusters at the end of plain non-resident data.
+    // A piece that has filled its record spills into a new extension record;
+    // a failure gives back the clusters taken since the records were last
+    // written and returns the records to that state.
     [[nodiscard]] unsigned int AllocateClusters(unsigned int clusters);
+    // Puts the run (`lcn`, `take`) behind `attribute`, the last $DATA piece,
+    // in a new extension record: the piece moves there with the run when it
+    // shares its record, else a new piece starts with it. The records are
+    // written through the attribute list's rewrite.
+    // Gives the clusters of UnwrittenRuns back and empties it.
+    void FreeUnwrittenRuns();
+    [[nodiscard]] unsigned int SpillDataPiece(CAttribute* attribute, int64_t lcn, int take);
     // Reserves address space for compressed data to the next unit boundary;
     // *clusters in and out.
     [[nodiscard]] unsigned int ReserveCompressedClusters(unsigned int* clusters);
@@ -60,6 +72,11 @@ public:
     char16_t StreamName[256];
     int StreamNameLength;
     int Deleted;
+    // (LCN, count) of the clusters the last AllocateClusters took and the
+    // records on disk do not map yet: given back when the record write that
+    // follows a growth fails.
+    // Two elements a pair.
+    CPointerArray UnwrittenRuns;
 };
 
 }  // namespace ntfs

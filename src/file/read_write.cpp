@@ -77,8 +77,13 @@ int CNTFSVolume::ReadFile(void* handle, void* buffer, int size, int* done) {
 unsigned int CNTFSVolume::WriteGrownRecord(CFullFileRecord* record) {
     int64_t changed = 0;
     const unsigned int code = WriteChangedRecord(record, nullptr, nullptr, &changed);
-    if (code != ERROR_SUCCESS) record->Revert();
-    return code;
+    if (code != ERROR_SUCCESS) {
+        record->Revert();
+        return code;
+    }
+    // What is on disk now is what a later failed growth returns to.
+    record->Commit();
+    return ERROR_SUCCESS;
 }
 
 int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, int* done, bool* leaves) {
@@ -172,9 +177,13 @@ int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done
         first->Mark();
         record->MarkModified();
         if (WriteGrownRecord(record) != ERROR_SUCCESS) {
+            // The record is back as it was last written; clusters that only
+            // the lost image mapped are given back.
+            file->FreeUnwrittenRuns();
             record->UnlockExclusive();
             return 0;
         }
+        file->UnwrittenRuns.Clear();
         file->AllocatedSize += grown;
         record->UnlockExclusive();
     }

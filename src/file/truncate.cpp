@@ -9,14 +9,24 @@ namespace ntfs {
 
 unsigned int CNTFSVolume::TruncateFile(CFullFileRecord* record, uint32_t type, const char16_t* name,
                                        int nameLength) {
-    // Several instances (an attribute list) need the attribute list rewritten
-    // and emptied extension records given back when instances go; that is
-    // not built yet, and removing them without it would leave the freed
-    // clusters mapped on disk.
-    if (record->FindAttribute(type, name, static_cast<unsigned int>(nameLength), 1) != nullptr) {
-        return ERROR_NOT_SUPPORTED;
+    const auto length = static_cast<unsigned int>(nameLength);
+    // The sweep over the further instances takes instance 1, then what is
+    // instance 2 after that removal, and so on: every second piece of the
+    // numbering at the start. The pieces it leaves would stay behind an
+    // empty resident first instance, an attribute no reader can make sense
+    // of, holding their clusters; so the sweep runs again until only the
+    // first instance is left.
+    while (record->FindAttribute(type, name, length, 1) != nullptr) {
+        for (unsigned int index = 1;; ++index) {
+            CAttribute* piece = record->FindAttribute(type, name, length, index);
+            if (piece == nullptr) break;
+            unsigned int code = record->FreeAttributeClusters(piece);
+            if (code != ERROR_SUCCESS) return code;
+            code = record->DeleteAttribute(piece);
+            if (code != ERROR_SUCCESS) return code;
+        }
     }
-    CAttribute* attribute = record->FindAttribute(type, name, static_cast<unsigned int>(nameLength), 0);
+    CAttribute* attribute = record->FindAttribute(type, name, length, 0);
     if (attribute == nullptr) return ERROR_FILE_CORRUPT;
     const unsigned int code = FreeAttributeClusters(attribute);
     if (code != ERROR_SUCCESS) return code;

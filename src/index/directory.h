@@ -32,6 +32,7 @@ namespace ntfs {
 
 class CNTFSVolume;
 class CFullFileRecord;
+class CFileRecord;
 class CIndexRoot;
 class CIndexRecord;
 
@@ -160,9 +161,14 @@ public:
     int64_t MemoryShortfallCount();
 
     // Room in the base file record: an index attribute moves out to a new
-    // extension record ($BITMAP when the last growth failed on it).
+    // extension record ($BITMAP "$I30" when the last growth failed on it,
+    // else $INDEX_ALLOCATION "$I30" itself or a new empty piece of it).
+    // 0, or a code; a failure gives the new record back and leaves the
+    // attributes where they were.
     [[nodiscard]] unsigned int AdjustFileRecord();
-    [[nodiscard]] unsigned int MoveBitmapAttribute(CFullFileRecord* record);
+    // Moves resident $BITMAP "$I30" into `record`, a new extension record,
+    // and joins the record to the file.
+    [[nodiscard]] unsigned int MoveBitmapAttribute(CFileRecord* record);
 
     CFullFileRecord* GetFileRecord() const { return FileRecord; }
     CNTFSVolume* GetVolume() const { return Volume; }

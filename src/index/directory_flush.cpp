@@ -390,11 +390,4 @@ unsigned int CDirectory::FlushNode(CBPlusTreeNode* node) {
     return code;
 }
 
-// Making room in a full base record moves an index attribute to a new
-// extension record, which needs record allocation; until that exists a full
-// record ends the insertion.
-unsigned int CDirectory::AdjustFileRecord() { return ERROR_NOT_SUPPORTED; }
-
-unsigned int CDirectory::MoveBitmapAttribute(CFullFileRecord*) { return ERROR_NOT_SUPPORTED; }
-
 }  // namespace ntfs

@@ -239,6 +239,9 @@ unsigned int CDirectory::GrowIntoNewClusters(int count, uint8_t* buffer, CPointe
             continue;
         }
         if (code != ERROR_SUCCESS) return LogFailure("Allocate cluster for new IndexRecord fail.", code);
+        // Only what was asked for is marked, though the run found may be
+        // a few clusters longer.
+        if (got > amount) got = static_cast<int>(amount);
         if (got > needed) got = static_cast<int>(needed);
         runs->InsertAfter(runs->GetCount(), static_cast<intptr_t>(lcn));
         runs->InsertAfter(runs->GetCount(), static_cast<intptr_t>(got));

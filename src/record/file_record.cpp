@@ -218,7 +218,10 @@ CAttribute* CFileRecord::InsertAttribute(CAttribute* attribute) {
     if (bytes > 0) std::memmove(target, attribute->Header, static_cast<size_t>(bytes));
 
     ShiftEndMarker(size);
-    BuildAttributeTable();
+    // The image has changed: a table that lost an object to a failed
+    // allocation would hide attributes the record holds, so it is made once
+    // more before the insertion is reported as failed.
+    if (!BuildAttributeTable() && !BuildAttributeTable()) return nullptr;
 
     CAttribute* placed = Attributes.At<CAttribute>(position);
     if (placed == nullptr) return nullptr;
@@ -239,7 +242,8 @@ void CFileRecord::RemoveAttribute(CAttribute* attribute) {
         Attributes.At<CAttribute>(i)->MoveAttribute(-size);
     }
     ShiftEndMarker(-size);
-    BuildAttributeTable();
+    // As for an insertion: one more try for a table that lost an object.
+    if (!BuildAttributeTable()) (void)BuildAttributeTable();
     if (Owner != nullptr) RebuildFullFileRecordTable(Owner);
 }
 

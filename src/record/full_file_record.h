@@ -107,6 +107,43 @@ public:
     void MarkModified() { Modified = 1; }
     void ClearModified();
 
+    // Gives every extension record and then the base record back to the MFT
+    // (flags word cleared, bit cleared) and destroys the extension objects.
+    // 0 or the first failing code, which ends the work.
+    [[nodiscard]] unsigned int ReleaseExtensionRecords();
+
+    // Attribute placement across the base and extension records; all under
+    // the exclusive lock of this record, the MFT bitmap under $MFT's.
+    // Places `*attribute` (own memory, the caller's) and replaces `*attribute`
+    // with the placed copy. In the base record when it has room, else in a
+    // new extension record; when some extension record has room the call
+    // answers 0 without placing anything, which callers must allow for.
+    [[nodiscard]] unsigned int InsertAttribute(CAttribute** attribute);
+    // The insertion into the base record alone stays reachable.
+    using CFileRecord::InsertAttribute;
+    // Removes `attribute` from whichever record holds it; an emptied
+    // extension record goes back to the MFT and the attribute list follows.
+    [[nodiscard]] unsigned int DeleteAttribute(CAttribute* attribute);
+    // Joins `record` (a new extension record) to the file and rewrites the
+    // attribute list; on failure the record is taken out again.
+    [[nodiscard]] unsigned int AddExtensionRecord(CFileRecord* record);
+    // Takes `record` out of the file's tables: 1, or 0 when it is not one
+    // of the file's extension records.
+    int RemoveExtensionRecord(CFileRecord* record);
+    // Writes a new non-resident $ATTRIBUTE_LIST, in new clusters, that
+    // agrees with the merged table, and writes the records.
+    [[nodiscard]] unsigned int RebuildAttributeList();
+    // Moves one attribute into the last extension record so that the base
+    // record gains at least `needed` bytes; ERROR_INTERNAL_ERROR when none fits.
+    [[nodiscard]] unsigned int MoveAttributeToExtension(int needed);
+    // Gives a non-resident attribute's clusters back to the volume.
+    [[nodiscard]] unsigned int FreeAttributeClusters(CAttribute* attribute);
+    // Fills `buffer` with one list entry per attribute of the merged table,
+    // the list itself left out.
+    void BuildAttributeListEntries(uint8_t* buffer);
+    // The bytes of the list BuildAttributeListEntries writes.
+    int AttributeListBytes();
+
     CPointerArray& GetExtensionRecords() { return ExtensionRecords; }
     int GetAttributeListSize() const { return AttributeListSize; }
     const uint8_t* GetAttributeListData() const { return AttributeListData; }

@@ -25,7 +25,8 @@
 //   ReadFileRecord, WriteFileRecord     record/file_record_io.cpp
 //   UpdateFileRecord, WriteFullRecord   record/full_file_record_update.cpp
 //   cluster allocation and release      data/cluster_allocation.cpp
-//   DeleteFileRecordFromMFT             data/record_allocation.cpp
+//   DeleteFileRecordFromMFT, ReferenceEmptyFileRecordFromMFT
+//                                       data/record_allocation.cpp
 //   bitmap write-back, free records     data/bitmap_write_back.cpp
 //   GetVolumeSpace                      data/volume_space.cpp
 //   handle look-ups                     file/handles.cpp
@@ -155,7 +156,16 @@ public:
     // Frees `count` clusters at `*start`; ERROR_INVALID_PARAMETER, nothing
     // changed, for clusters outside the volume.
     [[nodiscard]] unsigned int FreeClusters(int64_t* start, int count);
+    // Gives record `number` back to the MFT (flags cleared on disk, bit
+    // cleared), under the exclusive lock of $MFT.
     [[nodiscard]] unsigned int DeleteFileRecordFromMFT(int64_t number);
+    // A new CFileRecord, owned by the caller, over a blank record just taken
+    // from the MFT and marked in use there. `useReserve` nonzero takes one of
+    // the records reserved for the relocation of $MFT instead. 0, or the
+    // code (also in LastError): ERROR_HANDLE_DISK_FULL when no record can be
+    // had, ERROR_NOT_ENOUGH_MEMORY, or a device code; a record taken and
+    // found unusable is given back.
+    [[nodiscard]] unsigned int ReferenceEmptyFileRecordFromMFT(CFileRecord** record, int useReserve);
 
     // Writes a full record back at the end of a change: stamps the change
     // time (and the given access and write times) into $STANDARD_INFORMATION

@@ -338,21 +338,5 @@ TEST(FileHandles, AnUnreadableFileRecordAnswersTheDeviceCode) {
     }
 }
 
-TEST(FileHandles, TruncatingDataSpreadOverExtensionRecordsIsRefused) {
-    MountedVolume mounted("c512");
-    ASSERT_EQ(mounted.Mount(), 1);
-    CNTFSVolume* volume = mounted.Volume();
-    EXPECT_EQ(volume->CreateFileA(u"\\frag\\fragmented-A.txt", 0, kTruncateExisting, kReadWriteShared), nullptr);
-    EXPECT_EQ(volume->GetLastError(), ERROR_NOT_SUPPORTED);
-    const std::vector<ManifestEntry> manifest = LoadManifest("c512");
-    const ManifestEntry* entry = Find(manifest, "\\frag\\fragmented-A.txt");
-    ASSERT_NE(entry, nullptr);
-    void* handle = volume->CreateFileA(u"\\frag\\fragmented-A.txt", 0, kOpenExisting, kReadShared);
-    ASSERT_NE(handle, nullptr);
-    const std::vector<uint8_t> data = ReadAll(volume, handle, 65536);
-    EXPECT_EQ(test::Sha256Hex(data.data(), data.size()), entry->sha256);
-    EXPECT_EQ(volume->CloseFileHandle(handle), 1);
-}
-
 }  // namespace
 }  // namespace ntfs
