@@ -74,11 +74,6 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return FailThisAllocation() ? nullptr : Allocate(size);
 }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return ::operator new(size, std::nothrow); }
-// The replacement operators allocate with malloc; an optimised GCC build
-// sees free() behind an inlined delete and takes it for a mismatch.
-#if defined(__GNUC__) && !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
 void operator delete(void* block) noexcept { std::free(block); }
 void operator delete[](void* block) noexcept { std::free(block); }
 void operator delete(void* block, std::size_t) noexcept { std::free(block); }
