@@ -118,18 +118,17 @@ void PrintEntry(CNTFSVolume* volume, const Entry& entry, bool longFormat) {
         line.push_back(' ');
         AppendSigned(&line, static_cast<long long>(entry.size), 12);
         line.push_back(' ');
-        AppendPadded(&line, calendar.wYear, 4);
-        line.push_back('-');
-        AppendPadded(&line, calendar.wMonth, 2);
-        line.push_back('-');
-        AppendPadded(&line, calendar.wDay, 2);
-        line.push_back(' ');
-        AppendPadded(&line, calendar.wHour, 2);
-        line.push_back(':');
-        AppendPadded(&line, calendar.wMinute, 2);
-        line.push_back(':');
-        AppendPadded(&line, calendar.wSecond, 2);
-        line.push_back(' ');
+        // YYYY-MM-DD hh:mm:ss and a space.
+        const struct {
+            unsigned value;
+            int width;
+            char behind;
+        } fields[] = {{calendar.wYear, 4, '-'},  {calendar.wMonth, 2, '-'},  {calendar.wDay, 2, ' '},
+                      {calendar.wHour, 2, ':'},  {calendar.wMinute, 2, ':'}, {calendar.wSecond, 2, ' '}};
+        for (const auto& field : fields) {
+            AppendPadded(&line, field.value, field.width);
+            line.push_back(field.behind);
+        }
         AppendSigned(&line, static_cast<long long>(entry.record), 8);
         line.append("  ");
         line.append(Utf8(entry.name));
