@@ -38,7 +38,9 @@ Entry FromFindData(const _FIND_FILE_DATA& data) {
     return entry;
 }
 
-std::string Utf8(const std::u16string& text) { return ToUtf8(text.c_str()); }
+std::string Utf8(const std::u16string& text) {
+    return ToUtf8(text.c_str());
+}
 
 std::u16string Join(const std::u16string& directory, const std::u16string& name) {
     return directory == u"\\" ? u"\\" + name : directory + u"\\" + name;
@@ -82,8 +84,8 @@ std::string FormatTime(CNTFSVolume* volume, uint64_t fileTime) {
     _SYSTEMTIME calendar{};
     volume->FileTimeToSystemTime(&time, &calendar);
     char text[64];
-    std::snprintf(text, sizeof(text), "%04u-%02u-%02u %02u:%02u:%02u", calendar.wYear, calendar.wMonth,
-                  calendar.wDay, calendar.wHour, calendar.wMinute, calendar.wSecond);
+    std::snprintf(text, sizeof(text), "%04u-%02u-%02u %02u:%02u:%02u", calendar.wYear, calendar.wMonth, calendar.wDay,
+                  calendar.wHour, calendar.wMinute, calendar.wSecond);
     return text;
 }
 

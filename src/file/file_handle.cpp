@@ -51,8 +51,10 @@ CFileHandle::~CFileHandle() {
     std::free(Path);
     if (FindHandle != nullptr) FindHandle->Release();
     if (FileRecord != nullptr) {
-        if (Deleted) delete FileRecord;
-        else FileRecord->Release();
+        if (Deleted)
+            delete FileRecord;
+        else
+            FileRecord->Release();
     }
 }
 

@@ -24,11 +24,11 @@ using i64 = int64_t;
 // A recursive mutual exclusion that knows how many threads are queued for it,
 // which is what "refuse the lock when others are waiting" needs.
 struct CRITICAL_SECTION {
-    std::mutex Guard;                 // protects the fields below for a moment
-    std::condition_variable Released; // signalled when RecursionCount drops to 0
-    std::thread::id Owner;            // owning thread, default id when free
-    int RecursionCount = 0;           // entries of the owner not yet left
-    int LockCount = 0;                // threads blocked in EnterCriticalSection
+    std::mutex Guard;                  // protects the fields below for a moment
+    std::condition_variable Released;  // signalled when RecursionCount drops to 0
+    std::thread::id Owner;             // owning thread, default id when free
+    int RecursionCount = 0;            // entries of the owner not yet left
+    int LockCount = 0;                 // threads blocked in EnterCriticalSection
 };
 
 void InitializeCriticalSection(CRITICAL_SECTION* section);

@@ -32,8 +32,7 @@ int CPointerArray::InsertAfter(int index, intptr_t value) {
         }
         ++Count;
     } else {
-        auto* block = static_cast<intptr_t*>(
-            std::malloc(sizeof(intptr_t) * static_cast<size_t>(Capacity + 1)));
+        auto* block = static_cast<intptr_t*>(std::malloc(sizeof(intptr_t) * static_cast<size_t>(Capacity + 1)));
         if (block == nullptr) {
             LeaveCriticalSection(&Lock);
             return -2;
@@ -43,8 +42,7 @@ int CPointerArray::InsertAfter(int index, intptr_t value) {
         const int head = index + 1;
         if (head > 0) std::memcpy(block, Elements, sizeof(intptr_t) * static_cast<size_t>(head));
         if (Count > head) {
-            std::memcpy(&block[head + 1], &Elements[head],
-                        sizeof(intptr_t) * static_cast<size_t>(Count - head));
+            std::memcpy(&block[head + 1], &Elements[head], sizeof(intptr_t) * static_cast<size_t>(Count - head));
         }
         block[head] = value;
         std::free(Elements);
@@ -63,8 +61,7 @@ int CPointerArray::RemoveAt(int index) {
         LeaveCriticalSection(&Lock);
         return 0;
     }
-    std::memmove(&Elements[index], &Elements[index + 1],
-                 sizeof(intptr_t) * static_cast<size_t>(Count - index - 1));
+    std::memmove(&Elements[index], &Elements[index + 1], sizeof(intptr_t) * static_cast<size_t>(Count - index - 1));
     --Count;
     LeaveCriticalSection(&Lock);
     return 1;

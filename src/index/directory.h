@@ -168,13 +168,13 @@ public:
     // The change links of the find handles on this directory.
     CChainElementContainer OpenFindHandles;
     // The work lists of one change, empty between changes.
-    CPointerArray AbateRecords;     // CIndexRecord* retired in this change
-    CPointerArray ModifiedRecords;  // CIndexRecord* changed in this change
-    CPointerArray NewRecords;       // VCNs taken from the bitmap in this change
-    CPointerArray NewFileRecords;   // CFileRecord* extension records made for it
-    CPointerArray NewClusterRuns;   // (LCN, count) pairs of clusters taken for it
-    int GrowFailed;                 // the last growth failed in resizing the bitmap
-    int RecordsAdded;               // index records added to ItemCount in this change
+    CPointerArray AbateRecords;                  // CIndexRecord* retired in this change
+    CPointerArray ModifiedRecords;               // CIndexRecord* changed in this change
+    CPointerArray NewRecords;                    // VCNs taken from the bitmap in this change
+    CPointerArray NewFileRecords;                // CFileRecord* extension records made for it
+    CPointerArray NewClusterRuns;                // (LCN, count) pairs of clusters taken for it
+    int GrowFailed;                              // the last growth failed in resizing the bitmap
+    int RecordsAdded;                            // index records added to ItemCount in this change
     std::atomic<int64_t> IndexMemoryShortfalls;  // see CountMemoryShortfall
 
 private:
@@ -182,8 +182,7 @@ private:
     unsigned int CreateIndexAttributes();
     unsigned int GrowIntoNewClusters(int count, uint8_t* buffer, CPointerArray* runs);
     unsigned int GrowIntoSlack(int count, uint8_t* buffer);
-    unsigned int WriteEmptyRecords(int64_t lcn, int clusters, uint8_t* buffer, int64_t* nextRecord,
-                                   int* recordOffset);
+    unsigned int WriteEmptyRecords(int64_t lcn, int clusters, uint8_t* buffer, int64_t* nextRecord, int* recordOffset);
     unsigned int ResizeIndexBitmap(int64_t items);
 };
 
