@@ -34,9 +34,9 @@ double CpuSeconds() {
 
 // Log-like text: numbered lines of words from a small vocabulary.
 Bytes TextUnit() {
-    static const char* const kWords[] = {"cluster", "sector", "record", "index", "volume",
-                                         "bitmap",  "runlist", "the",   "of",    "attribute",
-                                         "stream",  "sparse", "a",      "compressed", "name"};
+    static const char* const kWords[] = {"cluster", "sector",  "record", "index",      "volume",
+                                         "bitmap",  "runlist", "the",    "of",         "attribute",
+                                         "stream",  "sparse",  "a",      "compressed", "name"};
     std::mt19937 engine(1);
     std::string text;
     for (int line = 0; text.size() < kUnitBytes; ++line) {
@@ -63,7 +63,9 @@ const Bytes& Unit(int kind) {
     return kind == 0 ? text : random;
 }
 
-const char* KindName(int kind) { return kind == 0 ? "text" : "random"; }
+const char* KindName(int kind) {
+    return kind == 0 ? "text" : "random";
+}
 
 // memcpy of one unit in bytes per second, measured once for about 50 ms.
 double MemcpyRate() {
@@ -120,9 +122,9 @@ void BM_Compress(benchmark::State& state) {
     const double start = CpuSeconds();
     for (auto _ : state) {
         // The attribute path's call: one unit into one unit of room.
-        unsigned int code = CompressBuffer(engine, source.data(), kUnitBytes, output.data(),
-                                           static_cast<int32_t>(kUnitBytes), kLznt1ChunkBytes,
-                                           &finalSize, workspace.get());
+        unsigned int code =
+            CompressBuffer(engine, source.data(), kUnitBytes, output.data(), static_cast<int32_t>(kUnitBytes),
+                           kLznt1ChunkBytes, &finalSize, workspace.get());
         benchmark::DoNotOptimize(code);
         benchmark::ClobberMemory();
     }
@@ -138,14 +140,13 @@ void BM_Decompress(benchmark::State& state) {
     Bytes stream(kUnitBytes / kLznt1ChunkBytes * kLznt1PlainChunkBytes + 2);
     uint32_t streamBytes = 0;
     (void)CompressBuffer(COMPRESSION_ENGINE_STANDARD, source.data(), kUnitBytes, stream.data(),
-                         static_cast<int32_t>(stream.size()), kLznt1ChunkBytes, &streamBytes,
-                         workspace.get());
+                         static_cast<int32_t>(stream.size()), kLznt1ChunkBytes, &streamBytes, workspace.get());
     Bytes output(kUnitBytes);
     int32_t finalSize = 0;
     const double start = CpuSeconds();
     for (auto _ : state) {
-        unsigned int code = DecompressBuffer(output.data(), kUnitBytes, stream.data(),
-                                             static_cast<int32_t>(streamBytes), &finalSize);
+        unsigned int code =
+            DecompressBuffer(output.data(), kUnitBytes, stream.data(), static_cast<int32_t>(streamBytes), &finalSize);
         benchmark::DoNotOptimize(code);
         benchmark::ClobberMemory();
     }

@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "ntfskit.h"
 #include "memory_storage.h"
+#include "ntfskit.h"
 
 namespace ntfs {
 namespace {
@@ -76,9 +76,15 @@ void ReadWholeFile(benchmark::State& state, const char16_t* path) {
     volume.Umount();
 }
 
-void BM_ReadPlainFile(benchmark::State& state) { ReadWholeFile(state, u"\\data\\Large Text File.log"); }
-void BM_ReadCompressedFile(benchmark::State& state) { ReadWholeFile(state, u"\\compressed\\text-300k.txt"); }
-void BM_ReadSparseFile(benchmark::State& state) { ReadWholeFile(state, u"\\sparse\\islands.bin"); }
+void BM_ReadPlainFile(benchmark::State& state) {
+    ReadWholeFile(state, u"\\data\\Large Text File.log");
+}
+void BM_ReadCompressedFile(benchmark::State& state) {
+    ReadWholeFile(state, u"\\compressed\\text-300k.txt");
+}
+void BM_ReadSparseFile(benchmark::State& state) {
+    ReadWholeFile(state, u"\\sparse\\islands.bin");
+}
 
 BENCHMARK(BM_ReadPlainFile)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ReadCompressedFile)->Unit(benchmark::kMillisecond);

@@ -31,7 +31,9 @@ int64_t TransferAll(Transfer transfer, int64_t total) {
 
 }  // namespace
 
-FileStorage::~FileStorage() { Close(); }
+FileStorage::~FileStorage() {
+    Close();
+}
 
 unsigned int FileStorage::Open(const std::string& path, bool readOnly, int64_t byteOffset) {
     Close();
@@ -67,9 +69,7 @@ unsigned int FileStorage::ReadSectors(void* buffer, int64_t* sector, int count, 
     const int64_t base = Offset + *sector * kSectorBytes;
     auto* bytes = static_cast<uint8_t*>(buffer);
     const int64_t moved = TransferAll(
-        [&](int64_t at, int64_t size) {
-            return ::pread(Descriptor, bytes + at, static_cast<size_t>(size), base + at);
-        },
+        [&](int64_t at, int64_t size) { return ::pread(Descriptor, bytes + at, static_cast<size_t>(size), base + at); },
         static_cast<int64_t>(count) * kSectorBytes);
     if (moved < 0) {
         ErrorText = std::strerror(errno);

@@ -12,7 +12,9 @@
 
 namespace ntfs {
 
-MappedStorage::~MappedStorage() { Close(); }
+MappedStorage::~MappedStorage() {
+    Close();
+}
 
 unsigned int MappedStorage::Open(const std::string& path) {
     Close();

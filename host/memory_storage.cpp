@@ -32,16 +32,14 @@ unsigned int MemoryStorage::SaveFile(const std::string& path) const {
 }
 
 bool MemoryStorage::InRange(const void* buffer, int64_t sector, int count) const {
-    return buffer != nullptr && sector >= 0 && count >= 0 && sector <= SectorCount() &&
-           count <= SectorCount() - sector;
+    return buffer != nullptr && sector >= 0 && count >= 0 && sector <= SectorCount() && count <= SectorCount() - sector;
 }
 
 unsigned int MemoryStorage::ReadSectors(void* buffer, int64_t* sector, int count, int* done,
                                         _STORAGE_NOTIFICATION_BLOCK*) {
     *done = 0;
     if (!InRange(buffer, *sector, count)) return ERROR_SECTOR_NOT_FOUND;
-    std::memcpy(buffer, Image.data() + *sector * kSectorBytes,
-                static_cast<size_t>(count) * kSectorBytes);
+    std::memcpy(buffer, Image.data() + *sector * kSectorBytes, static_cast<size_t>(count) * kSectorBytes);
     *done = count;
     return ERROR_SUCCESS;
 }
@@ -50,8 +48,7 @@ unsigned int MemoryStorage::WriteSectors(void* buffer, int64_t* sector, int coun
                                          _STORAGE_NOTIFICATION_BLOCK*) {
     *done = 0;
     if (!InRange(buffer, *sector, count)) return ERROR_SECTOR_NOT_FOUND;
-    std::memcpy(Image.data() + *sector * kSectorBytes, buffer,
-                static_cast<size_t>(count) * kSectorBytes);
+    std::memcpy(Image.data() + *sector * kSectorBytes, buffer, static_cast<size_t>(count) * kSectorBytes);
     *done = count;
     return ERROR_SUCCESS;
 }

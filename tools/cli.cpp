@@ -13,7 +13,9 @@ namespace {
 std::FILE* g_out = stdout;
 }
 
-std::FILE* Out() { return g_out; }
+std::FILE* Out() {
+    return g_out;
+}
 
 void RedirectLibraryLog(bool verbose) {
     const int saved = dup(STDOUT_FILENO);
@@ -36,28 +38,50 @@ void RedirectLibraryLog(bool verbose) {
 
 const char* CodeMeaning(unsigned int code) {
     switch (code) {
-        case ERROR_SUCCESS: return "success";
-        case ERROR_FILE_NOT_FOUND: return "no such file or directory";
-        case ERROR_ACCESS_DENIED: return "access denied";
-        case ERROR_INVALID_HANDLE: return "invalid handle";
-        case ERROR_NOT_ENOUGH_MEMORY: return "out of memory";
-        case ERROR_BAD_FORMAT: return "record has a bad format";
-        case ERROR_WRITE_PROTECT: return "the image is opened read-only";
-        case ERROR_SECTOR_NOT_FOUND: return "sector outside the image";
-        case ERROR_HANDLE_DISK_FULL: return "no free space on the volume";
-        case ERROR_NOT_SUPPORTED: return "operation not supported";
-        case ERROR_FILE_EXISTS: return "file exists";
-        case ERROR_INVALID_PARAMETER: return "invalid parameter";
-        case ERROR_INSUFFICIENT_BUFFER: return "no room in the record";
-        case ERROR_DIR_NOT_EMPTY: return "directory not empty";
-        case ERROR_BAD_COMPRESSION_BUFFER: return "malformed compressed data";
-        case ERROR_UNSUPPORTED_COMPRESSION: return "compression format not supported";
-        case ERROR_BEYOND_END_OF_VALUE: return "beyond the end of the data";
-        case ERROR_UNRECOGNIZED_VOLUME: return "not an NTFS volume this tool can read";
-        case ERROR_IO_DEVICE: return "I/O error on the image";
-        case ERROR_INTERNAL_ERROR: return "internal error";
-        case ERROR_FILE_CORRUPT: return "the volume is corrupt";
-        default: return "unknown error";
+        case ERROR_SUCCESS:
+            return "success";
+        case ERROR_FILE_NOT_FOUND:
+            return "no such file or directory";
+        case ERROR_ACCESS_DENIED:
+            return "access denied";
+        case ERROR_INVALID_HANDLE:
+            return "invalid handle";
+        case ERROR_NOT_ENOUGH_MEMORY:
+            return "out of memory";
+        case ERROR_BAD_FORMAT:
+            return "record has a bad format";
+        case ERROR_WRITE_PROTECT:
+            return "the image is opened read-only";
+        case ERROR_SECTOR_NOT_FOUND:
+            return "sector outside the image";
+        case ERROR_HANDLE_DISK_FULL:
+            return "no free space on the volume";
+        case ERROR_NOT_SUPPORTED:
+            return "operation not supported";
+        case ERROR_FILE_EXISTS:
+            return "file exists";
+        case ERROR_INVALID_PARAMETER:
+            return "invalid parameter";
+        case ERROR_INSUFFICIENT_BUFFER:
+            return "no room in the record";
+        case ERROR_DIR_NOT_EMPTY:
+            return "directory not empty";
+        case ERROR_BAD_COMPRESSION_BUFFER:
+            return "malformed compressed data";
+        case ERROR_UNSUPPORTED_COMPRESSION:
+            return "compression format not supported";
+        case ERROR_BEYOND_END_OF_VALUE:
+            return "beyond the end of the data";
+        case ERROR_UNRECOGNIZED_VOLUME:
+            return "not an NTFS volume this tool can read";
+        case ERROR_IO_DEVICE:
+            return "I/O error on the image";
+        case ERROR_INTERNAL_ERROR:
+            return "internal error";
+        case ERROR_FILE_CORRUPT:
+            return "the volume is corrupt";
+        default:
+            return "unknown error";
     }
 }
 
@@ -103,7 +127,9 @@ unsigned int MountedImage::Close() {
     return code;
 }
 
-MountedImage::~MountedImage() { Close(); }
+MountedImage::~MountedImage() {
+    Close();
+}
 
 std::u16string FromUtf8(const std::string& text) {
     std::u16string out;

@@ -16,9 +16,9 @@ namespace ntfs::cli {
 
 // Options every command understands.
 struct Options {
-    bool verbose = false;  // -v: the library's log lines go to standard error
-    bool longFormat = false;   // -l
-    bool recursive = false;    // -R
+    bool verbose = false;                // -v: the library's log lines go to standard error
+    bool longFormat = false;             // -l
+    bool recursive = false;              // -R
     std::vector<std::string> arguments;  // what is left after the options
 };
 

@@ -39,7 +39,9 @@ Entry FromFindData(const _FIND_FILE_DATA& data) {
     return entry;
 }
 
-std::string Utf8(const std::u16string& text) { return ToUtf8(text.c_str()); }
+std::string Utf8(const std::u16string& text) {
+    return ToUtf8(text.c_str());
+}
 
 std::u16string Join(const std::u16string& directory, const std::u16string& name) {
     return directory == u"\\" ? u"\\" + name : directory + u"\\" + name;
@@ -99,11 +101,14 @@ void AppendNumber(std::string* line, unsigned long long magnitude, bool negative
 
 void AppendSigned(std::string* line, long long value, int width) {
     const bool negative = value < 0;
-    AppendNumber(line, negative ? 0ull - static_cast<unsigned long long>(value) : static_cast<unsigned long long>(value),
+    AppendNumber(line,
+                 negative ? 0ull - static_cast<unsigned long long>(value) : static_cast<unsigned long long>(value),
                  negative, width, ' ');
 }
 
-void AppendPadded(std::string* line, unsigned value, int width) { AppendNumber(line, value, false, width, '0'); }
+void AppendPadded(std::string* line, unsigned value, int width) {
+    AppendNumber(line, value, false, width, '0');
+}
 
 // One line of a listing, put together by hand: a listing prints many.
 void PrintEntry(CNTFSVolume* volume, const Entry& entry, bool longFormat) {
@@ -123,8 +128,8 @@ void PrintEntry(CNTFSVolume* volume, const Entry& entry, bool longFormat) {
             unsigned value;
             int width;
             char behind;
-        } fields[] = {{calendar.wYear, 4, '-'},  {calendar.wMonth, 2, '-'},  {calendar.wDay, 2, ' '},
-                      {calendar.wHour, 2, ':'},  {calendar.wMinute, 2, ':'}, {calendar.wSecond, 2, ' '}};
+        } fields[] = {{calendar.wYear, 4, '-'}, {calendar.wMonth, 2, '-'},  {calendar.wDay, 2, ' '},
+                      {calendar.wHour, 2, ':'}, {calendar.wMinute, 2, ':'}, {calendar.wSecond, 2, ' '}};
         for (const auto& field : fields) {
             AppendPadded(&line, field.value, field.width);
             line.push_back(field.behind);

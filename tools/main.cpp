@@ -42,10 +42,18 @@ int main(int argc, char** argv) {
         if (argument.size() > 1 && argument[0] == '-' && argument != "-") {
             for (size_t k = 1; k < argument.size(); ++k) {
                 switch (argument[k]) {
-                    case 'v': options.verbose = true; break;
-                    case 'l': options.longFormat = true; break;
-                    case 'R': options.recursive = true; break;
-                    case 'a': append = true; break;
+                    case 'v':
+                        options.verbose = true;
+                        break;
+                    case 'l':
+                        options.longFormat = true;
+                        break;
+                    case 'R':
+                        options.recursive = true;
+                        break;
+                    case 'a':
+                        append = true;
+                        break;
                     default:
                         std::fprintf(stderr, "ntfskit: unknown option -%c\n%s", argument[k], kUsage);
                         return 2;
@@ -60,11 +68,16 @@ int main(int argc, char** argv) {
     if (append) options.arguments.insert(options.arguments.begin(), "-a");
     RedirectLibraryLog(options.verbose);
     int status;
-    if (command == "info") status = CommandInfo(options);
-    else if (command == "ls") status = CommandList(options);
-    else if (command == "cat") status = CommandCat(options);
-    else if (command == "get") status = CommandGet(options);
-    else if (command == "write") status = CommandWrite(options);
+    if (command == "info")
+        status = CommandInfo(options);
+    else if (command == "ls")
+        status = CommandList(options);
+    else if (command == "cat")
+        status = CommandCat(options);
+    else if (command == "get")
+        status = CommandGet(options);
+    else if (command == "write")
+        status = CommandWrite(options);
     else {
         std::fputs(kUsage, stderr);
         return 2;

@@ -25,15 +25,43 @@ struct Field {
 // Values at the edges of what the readers check: zero, one, signs, the
 // record and cluster sizes and the ends of each width.
 constexpr uint64_t kBoundaryValues[] = {
-    0,          1,          2,          7,          8,          0x18,       0x30,
-    0x3F,       0x40,       0x41,       0x48,       0x7F,       0x80,       0xFF,
-    0x100,      0x1FE,      0x200,      0x3F8,      0x400,      0x401,      0xFFF,
-    0x1000,     0x7FFF,     0x8000,     0xFFFF,     0x10000,    0x7FFFFFFF, 0x80000000,
-    0xFFFFFFFF, 0x100000000, 0x7FFFFFFFFFFFFFFF, 0x8000000000000000, 0xFFFFFFFFFFFFFFFF,
+    0,
+    1,
+    2,
+    7,
+    8,
+    0x18,
+    0x30,
+    0x3F,
+    0x40,
+    0x41,
+    0x48,
+    0x7F,
+    0x80,
+    0xFF,
+    0x100,
+    0x1FE,
+    0x200,
+    0x3F8,
+    0x400,
+    0x401,
+    0xFFF,
+    0x1000,
+    0x7FFF,
+    0x8000,
+    0xFFFF,
+    0x10000,
+    0x7FFFFFFF,
+    0x80000000,
+    0xFFFFFFFF,
+    0x100000000,
+    0x7FFFFFFFFFFFFFFF,
+    0x8000000000000000,
+    0xFFFFFFFFFFFFFFFF,
 };
 
 constexpr Field kBootFields[] = {
-    {3, 8}, {11, 2}, {13, 1}, {14, 2}, {21, 1}, {24, 2}, {26, 2}, {28, 4},
+    {3, 8},  {11, 2}, {13, 1}, {14, 2}, {21, 1}, {24, 2}, {26, 2},  {28, 4},
     {40, 8}, {48, 8}, {56, 8}, {64, 1}, {68, 1}, {72, 8}, {510, 2},
 };
 
@@ -47,17 +75,18 @@ constexpr Field kFileHeaderFields[] = {
 };
 
 constexpr Field kAttributeCommonFields[] = {
-    {kAttributeTypeOffset, 4},       {kAttributeLengthOffset, 4},   {kAttributeNonResidentOffset, 1},
+    {kAttributeTypeOffset, 4},       {kAttributeLengthOffset, 4},     {kAttributeNonResidentOffset, 1},
     {kAttributeNameLengthOffset, 1}, {kAttributeNameOffsetOffset, 2}, {kAttributeFlagsOffset, 2},
     {kAttributeInstanceOffset, 2},
 };
 constexpr Field kResidentFields[] = {
-    {kResidentValueLengthOffset, 4}, {kResidentValueOffsetOffset, 2}, {kResidentIndexedFlagOffset, 1},
+    {kResidentValueLengthOffset, 4},
+    {kResidentValueOffsetOffset, 2},
+    {kResidentIndexedFlagOffset, 1},
 };
 constexpr Field kNonResidentFields[] = {
-    {kNonResidentLowestVcnOffset, 8},     {kNonResidentHighestVcnOffset, 8},
-    {kNonResidentRunListOffsetOffset, 2}, {kNonResidentCompressionUnitOffset, 2},
-    {kNonResidentAllocatedSizeOffset, 8}, {kNonResidentDataSizeOffset, 8},
+    {kNonResidentLowestVcnOffset, 8},       {kNonResidentHighestVcnOffset, 8},     {kNonResidentRunListOffsetOffset, 2},
+    {kNonResidentCompressionUnitOffset, 2}, {kNonResidentAllocatedSizeOffset, 8},  {kNonResidentDataSizeOffset, 8},
     {kNonResidentInitializedSizeOffset, 8}, {kNonResidentCompressedSizeOffset, 8},
 };
 
@@ -67,10 +96,16 @@ constexpr Field kIndexHeaderFields[] = {
 // Index entry: file reference, entry length, key length, flags, then the
 // $FILE_NAME key.
 constexpr Field kIndexEntryFields[] = {
-    {0, 8}, {8, 2}, {10, 2}, {12, 2},
-    {16 + kFileNameParentOffset, 8}, {16 + kFileNameAllocatedSizeOffset, 8},
-    {16 + kFileNameRealSizeOffset, 8}, {16 + kFileNameFlagsOffset, 4},
-    {16 + kFileNameLengthOffset, 1}, {16 + kFileNameNamespaceOffset, 1},
+    {0, 8},
+    {8, 2},
+    {10, 2},
+    {12, 2},
+    {16 + kFileNameParentOffset, 8},
+    {16 + kFileNameAllocatedSizeOffset, 8},
+    {16 + kFileNameRealSizeOffset, 8},
+    {16 + kFileNameFlagsOffset, 4},
+    {16 + kFileNameLengthOffset, 1},
+    {16 + kFileNameNamespaceOffset, 1},
 };
 
 template <size_t N>
@@ -118,21 +153,21 @@ Field ChooseFileRecordField(ByteReader* reader, const std::vector<uint8_t>& reco
     const int at = attributes[reader->U8() % attributes.size()];
     const bool resident = record[at + kAttributeNonResidentOffset] == 0;
     switch (what % 4) {
-    case 1: {
-        const Field common = Pick(kAttributeCommonFields, selector);
-        if (selector / 8 % 2 == 0) return {at + common.Offset, common.Width};
-        const Field body = resident ? Pick(kResidentFields, selector) : Pick(kNonResidentFields, selector);
-        return {at + body.Offset, body.Width};
-    }
-    case 2: {
-        // A byte of the body: the run list of a non-resident attribute, the
-        // value of a resident one ($ATTRIBUTE_LIST entries, names, roots).
-        const int bodyOffset = resident ? ReadU16(record.data(), at + kResidentValueOffsetOffset)
-                                        : ReadU16(record.data(), at + kNonResidentRunListOffsetOffset);
-        return {at + bodyOffset + reader->U8(), 1};
-    }
-    default:
-        return {reader->U16(), 1 << (selector % 4)};
+        case 1: {
+            const Field common = Pick(kAttributeCommonFields, selector);
+            if (selector / 8 % 2 == 0) return {at + common.Offset, common.Width};
+            const Field body = resident ? Pick(kResidentFields, selector) : Pick(kNonResidentFields, selector);
+            return {at + body.Offset, body.Width};
+        }
+        case 2: {
+            // A byte of the body: the run list of a non-resident attribute, the
+            // value of a resident one ($ATTRIBUTE_LIST entries, names, roots).
+            const int bodyOffset = resident ? ReadU16(record.data(), at + kResidentValueOffsetOffset)
+                                            : ReadU16(record.data(), at + kNonResidentRunListOffsetOffset);
+            return {at + bodyOffset + reader->U8(), 1};
+        }
+        default:
+            return {reader->U16(), 1 << (selector % 4)};
     }
 }
 
@@ -143,17 +178,17 @@ Field ChooseIndexRecordField(ByteReader* reader, const std::vector<uint8_t>& rec
     if (what % 4 == 0 || entries.empty()) return Pick(kIndexHeaderFields, selector);
     const int at = entries[reader->U8() % entries.size()];
     switch (what % 4) {
-    case 1: {
-        const Field field = Pick(kIndexEntryFields, selector);
-        return {at + field.Offset, field.Width};
-    }
-    case 2: {
-        // The child VCN in the last 8 bytes of a node entry, or a name byte.
-        if (selector % 2 == 0) return {at + ReadU16(record.data(), at + 8) - 8, 8};
-        return {at + 16 + kFileNameUnitsOffset + reader->U8(), 1};
-    }
-    default:
-        return {reader->U16(), 1 << (selector % 4)};
+        case 1: {
+            const Field field = Pick(kIndexEntryFields, selector);
+            return {at + field.Offset, field.Width};
+        }
+        case 2: {
+            // The child VCN in the last 8 bytes of a node entry, or a name byte.
+            if (selector % 2 == 0) return {at + ReadU16(record.data(), at + 8) - 8, 8};
+            return {at + 16 + kFileNameUnitsOffset + reader->U8(), 1};
+        }
+        default:
+            return {reader->U16(), 1 << (selector % 4)};
     }
 }
 
@@ -166,12 +201,24 @@ void ChangeField(ByteReader* reader, Field field, std::vector<uint8_t>* bytes) {
     const uint64_t old = ReadLittleEndian(at, 0, field.Width);
     uint64_t value = old;
     switch (reader->U8() % 6) {
-    case 0: value = reader->Bytes(field.Width); break;
-    case 1: value = old + static_cast<uint64_t>(static_cast<int64_t>(static_cast<int8_t>(reader->U8()))); break;
-    case 2: value = kBoundaryValues[reader->U8() % (sizeof(kBoundaryValues) / sizeof(kBoundaryValues[0]))]; break;
-    case 3: value = old ^ (uint64_t{1} << (reader->U8() % (8 * field.Width))); break;
-    case 4: value = 0; break;
-    default: value = ~uint64_t{0}; break;
+        case 0:
+            value = reader->Bytes(field.Width);
+            break;
+        case 1:
+            value = old + static_cast<uint64_t>(static_cast<int64_t>(static_cast<int8_t>(reader->U8())));
+            break;
+        case 2:
+            value = kBoundaryValues[reader->U8() % (sizeof(kBoundaryValues) / sizeof(kBoundaryValues[0]))];
+            break;
+        case 3:
+            value = old ^ (uint64_t{1} << (reader->U8() % (8 * field.Width)));
+            break;
+        case 4:
+            value = 0;
+            break;
+        default:
+            value = ~uint64_t{0};
+            break;
     }
     WriteLittleEndian(at, 0, value, field.Width);
 }
@@ -179,9 +226,15 @@ void ChangeField(ByteReader* reader, Field field, std::vector<uint8_t>* bytes) {
 const std::vector<Structure>& ChooseKind(uint8_t selector, const ImageMap& map) {
     // FILE records are hit most: they hold the most structure.
     switch (selector % 8) {
-    case 0: return map.BootSectors;
-    case 1: case 2: case 3: case 4: return map.FileRecords.empty() ? map.BootSectors : map.FileRecords;
-    default: return map.IndexRecords.empty() ? map.BootSectors : map.IndexRecords;
+        case 0:
+            return map.BootSectors;
+        case 1:
+        case 2:
+        case 3:
+        case 4:
+            return map.FileRecords.empty() ? map.BootSectors : map.FileRecords;
+        default:
+            return map.IndexRecords.empty() ? map.BootSectors : map.IndexRecords;
     }
 }
 
@@ -191,17 +244,20 @@ void ApplyEdit(ByteReader* reader, const ImageMap& map, OverlayStorage* storage)
     const Structure& target = pool[reader->U16() % pool.size()];
     std::vector<uint8_t> bytes(static_cast<size_t>(target.Size));
     storage->ReadBytes(target.Offset, bytes.data(), bytes.size());
-    const bool consistent = target.Kind != StructureKind::BootSector && (reader->U8() & 1) != 0 &&
-                            RemoveFixups(&bytes);
+    const bool consistent = target.Kind != StructureKind::BootSector && (reader->U8() & 1) != 0 && RemoveFixups(&bytes);
     Field field{0, 1};
     switch (target.Kind) {
-    case StructureKind::BootSector: {
-        const uint8_t selector = reader->U8();
-        field = selector < 224 ? Pick(kBootFields, selector) : Field{reader->U16(), 1};
-        break;
-    }
-    case StructureKind::FileRecord: field = ChooseFileRecordField(reader, bytes); break;
-    case StructureKind::IndexRecord: field = ChooseIndexRecordField(reader, bytes); break;
+        case StructureKind::BootSector: {
+            const uint8_t selector = reader->U8();
+            field = selector < 224 ? Pick(kBootFields, selector) : Field{reader->U16(), 1};
+            break;
+        }
+        case StructureKind::FileRecord:
+            field = ChooseFileRecordField(reader, bytes);
+            break;
+        case StructureKind::IndexRecord:
+            field = ChooseIndexRecordField(reader, bytes);
+            break;
     }
     ChangeField(reader, field, &bytes);
     if (consistent) ApplyFixups(&bytes);
@@ -218,9 +274,15 @@ bool FixupGeometry(const std::vector<uint8_t>& record, int* offset, int* count) 
 
 }  // namespace
 
-uint8_t ByteReader::U8() { return Position < Size ? Data[Position++] : 0; }
-uint16_t ByteReader::U16() { return static_cast<uint16_t>(Bytes(2)); }
-uint32_t ByteReader::U32() { return static_cast<uint32_t>(Bytes(4)); }
+uint8_t ByteReader::U8() {
+    return Position < Size ? Data[Position++] : 0;
+}
+uint16_t ByteReader::U16() {
+    return static_cast<uint16_t>(Bytes(2));
+}
+uint32_t ByteReader::U32() {
+    return static_cast<uint32_t>(Bytes(4));
+}
 
 uint64_t ByteReader::Bytes(int bytes) {
     uint64_t value = 0;

@@ -51,9 +51,9 @@ struct Structure {
 
 // The structures of one image, found once by their signatures.
 struct ImageMap {
-    std::vector<Structure> BootSectors;  // the boot sector and its backup
-    std::vector<Structure> FileRecords;  // every "FILE" record, $MFTMirr's too
-    std::vector<Structure> IndexRecords; // every "INDX" record
+    std::vector<Structure> BootSectors;   // the boot sector and its backup
+    std::vector<Structure> FileRecords;   // every "FILE" record, $MFTMirr's too
+    std::vector<Structure> IndexRecords;  // every "INDX" record
 
     static ImageMap Scan(const std::vector<uint8_t>& image);
 };

@@ -98,7 +98,8 @@ public:
         std::vector<std::pair<std::u16string, bool>> children;
         do {
             data.FileName[511] = 0;
-            if (data.FileName[0] != 0) children.push_back({data.FileName, (data.FileAttributes & kFileAttributeDirectory) != 0});
+            if (data.FileName[0] != 0)
+                children.push_back({data.FileName, (data.FileAttributes & kFileAttributeDirectory) != 0});
         } while (++Names < kMaxNames && Volume->FindNextFileA(find, &data));
         Volume->CloseFindHandle(find);
         for (const auto& [name, isDirectory] : children) {
@@ -155,25 +156,25 @@ void Operate(CNTFSVolume* volume, const std::u16string& path, ByteReader* reader
     std::vector<uint8_t> bytes(reader->U16() % 20000 + 1, static_cast<uint8_t>(reader->U8()));
     int done = 0;
     switch (kind) {
-    case 0:  // overwrite somewhere inside
-        MovePointer(volume, file, reader->U32() % (1 << 20), kFileBegin);
-        volume->WriteFile(file, bytes.data(), static_cast<int>(bytes.size()), &done);
-        break;
-    case 1:  // append
-        MovePointer(volume, file, 0, kFileEnd);
-        volume->WriteFile(file, bytes.data(), static_cast<int>(bytes.size()), &done);
-        break;
-    case 2:  // truncated on open, then written again
-        volume->WriteFile(file, bytes.data(), static_cast<int>(bytes.size()), &done);
-        break;
-    case 3:  // a write of no bytes ends the file at the pointer
-        MovePointer(volume, file, reader->U32() % (1 << 20), kFileBegin);
-        volume->WriteFile(file, bytes.data(), 0, &done);
-        break;
-    default:
-        MovePointer(volume, file, reader->U32() % (1 << 20), kFileBegin);
-        volume->ReadFile(file, bytes.data(), static_cast<int>(bytes.size()), &done);
-        break;
+        case 0:  // overwrite somewhere inside
+            MovePointer(volume, file, reader->U32() % (1 << 20), kFileBegin);
+            volume->WriteFile(file, bytes.data(), static_cast<int>(bytes.size()), &done);
+            break;
+        case 1:  // append
+            MovePointer(volume, file, 0, kFileEnd);
+            volume->WriteFile(file, bytes.data(), static_cast<int>(bytes.size()), &done);
+            break;
+        case 2:  // truncated on open, then written again
+            volume->WriteFile(file, bytes.data(), static_cast<int>(bytes.size()), &done);
+            break;
+        case 3:  // a write of no bytes ends the file at the pointer
+            MovePointer(volume, file, reader->U32() % (1 << 20), kFileBegin);
+            volume->WriteFile(file, bytes.data(), 0, &done);
+            break;
+        default:
+            MovePointer(volume, file, reader->U32() % (1 << 20), kFileBegin);
+            volume->ReadFile(file, bytes.data(), static_cast<int>(bytes.size()), &done);
+            break;
     }
     volume->CloseFileHandle(file);
 }
@@ -200,9 +201,9 @@ struct RunListTarget {
     const char16_t* Path;
 };
 constexpr RunListTarget kRunListTargets[] = {
-    {"c512", 106, u"\\frag\\fragmented-A.txt"}, {"c512", 116, u"\\frag\\sparse-striped.bin"},
+    {"c512", 106, u"\\frag\\fragmented-A.txt"},   {"c512", 116, u"\\frag\\sparse-striped.bin"},
     {"c4k", 105, u"\\compressed\\text-300k.txt"}, {"c4k", 121, u"\\sparse\\islands.bin"},
-    {"c4k", 98, u"\\links\\original.txt"},      {"c4k", 79, u"\\data\\large-random.bin"},
+    {"c4k", 98, u"\\links\\original.txt"},        {"c4k", 79, u"\\data\\large-random.bin"},
 };
 
 // Whether the FILE record image belongs to file `record`: the base record or
@@ -235,8 +236,8 @@ void ReplaceList(const Fixture& fixture, int64_t record, uint8_t choice, const s
             const int length = static_cast<int>(ReadU32(bytes.data(), at + kAttributeLengthOffset));
             if (length < 24 || at + length > structure.Size) break;
             if (bytes[at + kAttributeNonResidentOffset] != 0) {
-                areas.push_back({structure.Offset, at + ReadU16(bytes.data(), at + kNonResidentRunListOffsetOffset),
-                                 at + length});
+                areas.push_back(
+                    {structure.Offset, at + ReadU16(bytes.data(), at + kNonResidentRunListOffsetOffset), at + length});
             } else if (ReadU32(bytes.data(), at) == AttributeAttributeList) {
                 const int value = at + ReadU16(bytes.data(), at + kResidentValueOffsetOffset);
                 areas.push_back({structure.Offset, value,

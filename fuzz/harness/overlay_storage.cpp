@@ -8,8 +8,8 @@
 namespace ntfs::fuzz {
 
 bool OverlayStorage::InRange(const void* buffer, const int64_t* sector, int count) const {
-    return buffer != nullptr && sector != nullptr && count >= 0 && *sector >= 0 &&
-           *sector <= SectorCount() && count <= SectorCount() - *sector;
+    return buffer != nullptr && sector != nullptr && count >= 0 && *sector >= 0 && *sector <= SectorCount() &&
+           count <= SectorCount() - *sector;
 }
 
 const uint8_t* OverlayStorage::SectorData(int64_t sector) const {

@@ -59,8 +59,7 @@ unsigned int CFullFileRecord::EnterPiece(CAttribute* piece, _RUN_CURSOR* cursor)
     cursor->RunLength = 0;
     if (cursor->Run >= cursor->RunLimit) return ERROR_BEYOND_END_OF_VALUE;
     _DATA_RUN run{};
-    const int decoded =
-        DecodeDataRun(cursor->Run, 0, static_cast<int>(cursor->RunLimit - cursor->Run), &run);
+    const int decoded = DecodeDataRun(cursor->Run, 0, static_cast<int>(cursor->RunLimit - cursor->Run), &run);
     if (decoded < 0) return ERROR_BEYOND_END_OF_VALUE;
     if (decoded == 1) {
         cursor->RunLength = run.Length;
@@ -121,16 +120,15 @@ unsigned int CFullFileRecord::AdvanceRunCursor(_RUN_CURSOR* cursor) {
     return ERROR_SUCCESS;
 }
 
-unsigned int CFullFileRecord::ReadCompressionUnit(_RUN_CURSOR* cursor, uint32_t unitBytes,
-                                                  void* buffer, uint32_t* bytesRead,
-                                                  uint32_t* compressed) {
+unsigned int CFullFileRecord::ReadCompressionUnit(_RUN_CURSOR* cursor, uint32_t unitBytes, void* buffer,
+                                                  uint32_t* bytesRead, uint32_t* compressed) {
     unsigned int deviceCode = ERROR_SUCCESS;
     return ReadUnitReportingDevice(cursor, unitBytes, buffer, bytesRead, compressed, &deviceCode);
 }
 
-unsigned int CFullFileRecord::ReadUnitReportingDevice(_RUN_CURSOR* cursor, uint32_t unitBytes,
-                                                      void* buffer, uint32_t* bytesRead,
-                                                      uint32_t* compressed, unsigned int* deviceCode) {
+unsigned int CFullFileRecord::ReadUnitReportingDevice(_RUN_CURSOR* cursor, uint32_t unitBytes, void* buffer,
+                                                      uint32_t* bytesRead, uint32_t* compressed,
+                                                      unsigned int* deviceCode) {
     const int clusterSize = ClusterSize;
     const int sectorsPerCluster = ClusterSectors;
     CNTFSVolume* volume = CFileRecord::Volume;
@@ -141,8 +139,7 @@ unsigned int CFullFileRecord::ReadUnitReportingDevice(_RUN_CURSOR* cursor, uint3
     auto* out = static_cast<uint8_t*>(buffer);
     bool first = true;
     while (remaining > 0) {
-        if (AdvanceRunCursor(cursor) != ERROR_SUCCESS || cursor->Run >= cursor->RunLimit ||
-            *cursor->Run == 0) {
+        if (AdvanceRunCursor(cursor) != ERROR_SUCCESS || cursor->Run >= cursor->RunLimit || *cursor->Run == 0) {
             return ERROR_FILE_CORRUPT;
         }
         if (first) {
@@ -195,9 +192,8 @@ unsigned int CFullFileRecord::ReadUnitReportingDevice(_RUN_CURSOR* cursor, uint3
     return ERROR_SUCCESS;
 }
 
-unsigned int CFullFileRecord::ReadAttribute(uint32_t type, const char16_t* name, uint32_t nameLength,
-                                            int64_t* offset, uint32_t count, void* buffer,
-                                            uint32_t* bytesRead) {
+unsigned int CFullFileRecord::ReadAttribute(uint32_t type, const char16_t* name, uint32_t nameLength, int64_t* offset,
+                                            uint32_t count, void* buffer, uint32_t* bytesRead) {
     *bytesRead = 0;
     CAttribute* attribute = FindAttribute(type, name, nameLength, 0);
     if (attribute == nullptr || !attribute->BodyFits()) return ERROR_FILE_CORRUPT;

@@ -17,12 +17,10 @@
 
 namespace ntfs {
 
-namespace {
-}  // namespace
+namespace {}  // namespace
 
-unsigned int CFullFileRecord::WriteAttribute(uint32_t type, const char16_t* name, uint32_t nameLength,
-                                             int64_t* offset, uint32_t count, const void* buffer,
-                                             uint32_t* bytesWritten) {
+unsigned int CFullFileRecord::WriteAttribute(uint32_t type, const char16_t* name, uint32_t nameLength, int64_t* offset,
+                                             uint32_t count, const void* buffer, uint32_t* bytesWritten) {
     *bytesWritten = 0;
     CAttribute* attribute = FindAttribute(type, name, nameLength, 0);
     if (attribute == nullptr || !attribute->BodyFits()) return ERROR_FILE_CORRUPT;
@@ -46,9 +44,9 @@ unsigned int CFullFileRecord::WriteAttribute(uint32_t type, const char16_t* name
     return WritePlainAttribute(type, name, nameLength, offset, count, buffer, bytesWritten);
 }
 
-unsigned int CFullFileRecord::WritePlainAttribute(uint32_t type, const char16_t* name,
-                                                  uint32_t nameLength, int64_t* offset, uint32_t count,
-                                                  const void* buffer, uint32_t* bytesWritten) {
+unsigned int CFullFileRecord::WritePlainAttribute(uint32_t type, const char16_t* name, uint32_t nameLength,
+                                                  int64_t* offset, uint32_t count, const void* buffer,
+                                                  uint32_t* bytesWritten) {
     *bytesWritten = 0;
     CNTFSVolume* volume = CFileRecord::Volume;
     const int sectorSize = volume->GetSectorSize();
@@ -100,8 +98,8 @@ unsigned int CFullFileRecord::WritePlainAttribute(uint32_t type, const char16_t*
             const int64_t inRun =
                 clustersLeft > INT32_MAX ? INT64_MAX : clustersLeft * ClusterSectors - sectorInCluster;
             if (inRun < sectors) sectors = inRun;
-            code = volume->WriteSector(const_cast<uint8_t*>(source), &sector, static_cast<int>(sectors),
-                                       &written, nullptr);
+            code = volume->WriteSector(const_cast<uint8_t*>(source), &sector, static_cast<int>(sectors), &written,
+                                       nullptr);
             bytesDone = static_cast<uint32_t>(written) * static_cast<uint32_t>(sectorSize);
             if (bytesDone > remaining) bytesDone = remaining;
         }

@@ -12,8 +12,8 @@
 
 namespace ntfs {
 
-CBitmapData::CBitmapData(CNTFSVolume* volume, CFullFileRecord* owner, uint32_t type,
-                         const char16_t* name, uint32_t nameLength, int unitSize, int64_t itemCount)
+CBitmapData::CBitmapData(CNTFSVolume* volume, CFullFileRecord* owner, uint32_t type, const char16_t* name,
+                         uint32_t nameLength, int unitSize, int64_t itemCount)
     : Enabled(0),
       Dirty(0),
       UnitBase(0),
@@ -48,7 +48,9 @@ CBitmapData::~CBitmapData() {
     }
 }
 
-int CBitmapData::FreeBitsInByte(uint8_t value) { return bitmap_tables::kTables.FreeBits[value]; }
+int CBitmapData::FreeBitsInByte(uint8_t value) {
+    return bitmap_tables::kTables.FreeBits[value];
+}
 
 unsigned int CBitmapData::WriteUnit() {
     uint32_t written = 0;
@@ -66,7 +68,9 @@ unsigned int CBitmapData::FlushBitmap() {
     return code;
 }
 
-unsigned int CBitmapData::WriteThrough() { return Dirty ? WriteUnit() : ERROR_SUCCESS; }
+unsigned int CBitmapData::WriteThrough() {
+    return Dirty ? WriteUnit() : ERROR_SUCCESS;
+}
 
 unsigned int CBitmapData::LoadUnit(int64_t* item) {
     const int64_t position = *item / 8;
@@ -187,8 +191,8 @@ unsigned int CBitmapData::AllocateUnits(int wanted, int64_t* start, int* got, in
 }
 
 unsigned int CBitmapData::FreeUnits(int64_t* start, uint32_t count) {
-    LogMessage("Free Item %X%08XH, Size %XH.\n", static_cast<uint32_t>(*start >> 32),
-               static_cast<uint32_t>(*start), count);
+    LogMessage("Free Item %X%08XH, Size %XH.\n", static_cast<uint32_t>(*start >> 32), static_cast<uint32_t>(*start),
+               count);
     // Items before the first or whose end passes the largest number have no
     // bits: a negative item would land in the first byte and clear the bits
     // of others. Nothing changes.
@@ -239,12 +243,11 @@ unsigned int CBitmapData::FreeUnits(int64_t* start, uint32_t count) {
     return WriteThrough();
 }
 
-CClusterBitmap::CClusterBitmap(CNTFSVolume* volume, CFullFileRecord* bitmapRecord, int unitSize,
-                               int64_t clusterCount)
+CClusterBitmap::CClusterBitmap(CNTFSVolume* volume, CFullFileRecord* bitmapRecord, int unitSize, int64_t clusterCount)
     : CBitmapData(volume, bitmapRecord, AttributeData, nullptr, 0, unitSize, clusterCount) {}
 
-CFileRecordBitmap::CFileRecordBitmap(CNTFSVolume* volume, CFullFileRecord* mft, int unitSize,
-                                     int sectorsPerRecord, int recordSize, int64_t recordCount)
+CFileRecordBitmap::CFileRecordBitmap(CNTFSVolume* volume, CFullFileRecord* mft, int unitSize, int sectorsPerRecord,
+                                     int recordSize, int64_t recordCount)
     : CBitmapData(volume, mft, AttributeBitmap, nullptr, 0, unitSize, recordCount),
       Mft(mft),
       SectorsPerFileRecord(sectorsPerRecord),

@@ -34,8 +34,8 @@ public:
     // Builds a bitmap over attribute (type, name) of `owner`, with units of
     // `unitSize` bytes. Loads nothing; Enabled is 0 when the buffer could not
     // be allocated.
-    CBitmapData(CNTFSVolume* volume, CFullFileRecord* owner, uint32_t type, const char16_t* name,
-                uint32_t nameLength, int unitSize, int64_t itemCount);
+    CBitmapData(CNTFSVolume* volume, CFullFileRecord* owner, uint32_t type, const char16_t* name, uint32_t nameLength,
+                int unitSize, int64_t itemCount);
     ~CBitmapData();
     CBitmapData(const CBitmapData&) = delete;
     CBitmapData& operator=(const CBitmapData&) = delete;
@@ -47,13 +47,11 @@ public:
     // the cached unit, through the wrap. 0 with *start/*got (got may exceed
     // wanted by up to seven), or ERROR_HANDLE_DISK_FULL with *got = longest
     // run seen. Marks nothing.
-    [[nodiscard]] unsigned int SearchSpareUnits(int wanted, int64_t* start, int* got,
-                                                int ignoreExclusions);
+    [[nodiscard]] unsigned int SearchSpareUnits(int wanted, int64_t* start, int* got, int ignoreExclusions);
     // Search for one free item, honouring the exclusion list unless told not to.
     [[nodiscard]] unsigned int SearchSingleUnit(int64_t* start, int ignoreExclusions);
     // Search and mark; the marked bits reach the attribute before it returns.
-    [[nodiscard]] unsigned int AllocateUnits(int wanted, int64_t* start, int* got,
-                                             int ignoreExclusions);
+    [[nodiscard]] unsigned int AllocateUnits(int wanted, int64_t* start, int* got, int ignoreExclusions);
     // Clears `count` bits at `*start` (whether set or not) and writes through.
     // ERROR_INVALID_PARAMETER, nothing changed, for a negative start or an end
     // past the largest item number.
@@ -118,16 +116,15 @@ protected:
 // The cluster bitmap: $DATA of record 6, one bit per cluster of the volume.
 class CClusterBitmap : public CBitmapData {
 public:
-    CClusterBitmap(CNTFSVolume* volume, CFullFileRecord* bitmapRecord, int unitSize,
-                   int64_t clusterCount);
+    CClusterBitmap(CNTFSVolume* volume, CFullFileRecord* bitmapRecord, int unitSize, int64_t clusterCount);
 };
 
 // The file record bitmap: $BITMAP of $MFT, with the state of record
 // allocation and of the $MFT relocation that may grow it.
 class CFileRecordBitmap : public CBitmapData {
 public:
-    CFileRecordBitmap(CNTFSVolume* volume, CFullFileRecord* mft, int unitSize, int sectorsPerRecord,
-                      int recordSize, int64_t recordCount);
+    CFileRecordBitmap(CNTFSVolume* volume, CFullFileRecord* mft, int unitSize, int sectorsPerRecord, int recordSize,
+                      int64_t recordCount);
 
     // Takes one free record and stamps it as a blank record in use: its bit
     // is set, its image on disk is a fresh FILE record with the in-use flag.

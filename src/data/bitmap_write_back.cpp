@@ -32,8 +32,7 @@ unsigned int CNTFSVolume::FreeMftRecordCount() {
     CFullFileRecord* mft = MftBitmap->Mft;
     CAttribute* data = mft->FindAttribute(AttributeData, nullptr, 0, 0);
     if (data == nullptr) return ERROR_FILE_CORRUPT;
-    const int64_t initialized =
-        data->IsResident() ? 0 : ReadI64(data->Header, kNonResidentInitializedSizeOffset);
+    const int64_t initialized = data->IsResident() ? 0 : ReadI64(data->Header, kNonResidentInitializedSizeOffset);
     const int64_t records = initialized / GetFileRecordSize();
     const int64_t bytes = (records + 7) >> 3;
     const int partialBits = static_cast<int>(records & 7);

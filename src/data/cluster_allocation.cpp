@@ -14,15 +14,13 @@
 
 namespace ntfs {
 
-unsigned int CNTFSVolume::SearchSpareClusterAndAllocate(int wanted, int64_t* start, int* got,
-                                                        int ignoreExclusions) {
+unsigned int CNTFSVolume::SearchSpareClusterAndAllocate(int wanted, int64_t* start, int* got, int ignoreExclusions) {
     if (ClusterBitmap == nullptr) return ERROR_INTERNAL_ERROR;
     return ClusterBitmap->AllocateUnits(wanted, start, got, ignoreExclusions);
 }
 
-unsigned int CNTFSVolume::SearchSpareClusterAndAllocateWithLeastItemNumber(int wanted, int64_t* start,
-                                                                            int* got, int least,
-                                                                            int ignoreExclusions) {
+unsigned int CNTFSVolume::SearchSpareClusterAndAllocateWithLeastItemNumber(int wanted, int64_t* start, int* got,
+                                                                           int least, int ignoreExclusions) {
     if (ClusterBitmap == nullptr) return ERROR_INTERNAL_ERROR;
     // Runs that were taken but are too short are held until a long enough
     // one is found, so the search does not find them again; then they go back.

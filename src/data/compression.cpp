@@ -22,8 +22,7 @@ namespace {
 unsigned int QueryUnsupportedWorkspace(uint16_t, uint32_t*, uint32_t*) {
     return ERROR_UNSUPPORTED_COMPRESSION;
 }
-unsigned int CompressUnsupported(uint16_t, const void*, uint32_t, void*, int32_t, uint32_t,
-                                 uint32_t*, void*) {
+unsigned int CompressUnsupported(uint16_t, const void*, uint32_t, void*, int32_t, uint32_t, uint32_t*, void*) {
     return ERROR_UNSUPPORTED_COMPRESSION;
 }
 unsigned int DecompressUnsupported(void*, uint32_t, const void*, int32_t, int32_t*) {
@@ -32,16 +31,18 @@ unsigned int DecompressUnsupported(void*, uint32_t, const void*, int32_t, int32_
 
 LZNT1_MATCH_FINDER MatchFinderOf(uint16_t engine) {
     switch (engine) {
-        case COMPRESSION_ENGINE_STANDARD: return FindMatchHashed;
-        case COMPRESSION_ENGINE_MAXIMUM: return FindMatchExhaustive;
-        default: return nullptr;
+        case COMPRESSION_ENGINE_STANDARD:
+            return FindMatchHashed;
+        case COMPRESSION_ENGINE_MAXIMUM:
+            return FindMatchExhaustive;
+        default:
+            return nullptr;
     }
 }
 
 }  // namespace
 
-unsigned int QueryCompressionWorkspace(uint16_t engine, uint32_t* workspaceBytes,
-                                       uint32_t* fragmentBytes) {
+unsigned int QueryCompressionWorkspace(uint16_t engine, uint32_t* workspaceBytes, uint32_t* fragmentBytes) {
     switch (engine) {
         case COMPRESSION_ENGINE_STANDARD:
             *workspaceBytes = sizeof(_LZNT1_HASHED_WORKSPACE);
@@ -57,8 +58,8 @@ unsigned int QueryCompressionWorkspace(uint16_t engine, uint32_t* workspaceBytes
 }
 
 unsigned int CompressBuffer(uint16_t engine, const void* input, uint32_t inputLength, void* output,
-                            int32_t outputLength, [[maybe_unused]] uint32_t chunkSize,
-                            uint32_t* finalSize, void* workspace) {
+                            int32_t outputLength, [[maybe_unused]] uint32_t chunkSize, uint32_t* finalSize,
+                            void* workspace) {
     LZNT1_MATCH_FINDER finder = MatchFinderOf(engine);
     if (finder == nullptr) return ERROR_NOT_SUPPORTED;
 
@@ -78,8 +79,7 @@ unsigned int CompressBuffer(uint16_t engine, const void* input, uint32_t inputLe
 
     for (uint32_t step = 0; step < inputLength; step += kLznt1ChunkBytes) {
         uint8_t* chunkOut = out + std::min(streamBytes, capacity);
-        unsigned int code =
-            CompressChunk(finder, in + step, inEnd, chunkOut, outEnd, &chunkBytes, workspace);
+        unsigned int code = CompressChunk(finder, in + step, inEnd, chunkOut, outEnd, &chunkBytes, workspace);
         if (code < ERROR_BUFFER_ALL_ZEROS) allZero = false;
         streamBytes += chunkBytes;
         if (inputLength - step <= kLznt1ChunkBytes) break;
@@ -90,8 +90,8 @@ unsigned int CompressBuffer(uint16_t engine, const void* input, uint32_t inputLe
     return allZero ? ERROR_BUFFER_ALL_ZEROS : ERROR_SUCCESS;
 }
 
-unsigned int DecompressBuffer(void* output, uint32_t outputLength, const void* input,
-                              int32_t inputLength, int32_t* finalSize) {
+unsigned int DecompressBuffer(void* output, uint32_t outputLength, const void* input, int32_t inputLength,
+                              int32_t* finalSize) {
     uint8_t* out = static_cast<uint8_t*>(output);
     const uint8_t* in = static_cast<const uint8_t*>(input);
     const size_t inLength = inputLength > 0 ? static_cast<size_t>(inputLength) : 0;
@@ -113,8 +113,7 @@ unsigned int DecompressBuffer(void* output, uint32_t outputLength, const void* i
             // The chunk's code is deliberately not looked at. After a failure
             // its length is an input offset, so it is clipped to the room.
             uint32_t length = 0;
-            (void)DecompressChunk(out + outPos, out + outputLength, body, in + inPos + chunkSize,
-                                  &length);
+            (void)DecompressChunk(out + outPos, out + outputLength, body, in + inPos + chunkSize, &length);
             produced = std::min<size_t>(length, room);
         } else {
             produced = std::min<size_t>(kLznt1ChunkBytes, room);

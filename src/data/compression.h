@@ -51,18 +51,26 @@ constexpr uint32_t kLznt1BucketCount = 4096;
 // up to Lznt1FormatBound(k) = 16 << k; the format in use is the least k whose
 // bound is not below p, reached by stepping k upward one at a time on both
 // sides. Format k keeps 12 - k bits of length below 4 + k bits of distance.
-constexpr uint32_t Lznt1FormatBound(int k) { return 16u << k; }
-constexpr int Lznt1LengthBits(int k) { return 12 - k; }
-constexpr uint32_t Lznt1LengthMask(int k) { return (1u << Lznt1LengthBits(k)) - 1; }
-constexpr uint32_t Lznt1LongestMatch(int k) { return Lznt1LengthMask(k) + kLznt1MinimumMatch; }
+constexpr uint32_t Lznt1FormatBound(int k) {
+    return 16u << k;
+}
+constexpr int Lznt1LengthBits(int k) {
+    return 12 - k;
+}
+constexpr uint32_t Lznt1LengthMask(int k) {
+    return (1u << Lznt1LengthBits(k)) - 1;
+}
+constexpr uint32_t Lznt1LongestMatch(int k) {
+    return Lznt1LengthMask(k) + kLznt1MinimumMatch;
+}
 
 // The compressor's workspace, owned by the caller, laid out in this order.
 // The exhaustive engine uses this leading part alone (32 bytes).
 struct _LZNT1_WORKSPACE {
-    const uint8_t* ChunkStart;   // first plain byte of the chunk being compressed
-    const uint8_t* ChunkEnd;     // one past its last plain byte
-    uint32_t LongestMatch;       // longest match the current format can store
-    const uint8_t* MatchAddress; // where the last match search found its match
+    const uint8_t* ChunkStart;    // first plain byte of the chunk being compressed
+    const uint8_t* ChunkEnd;      // one past its last plain byte
+    uint32_t LongestMatch;        // longest match the current format can store
+    const uint8_t* MatchAddress;  // where the last match search found its match
 };
 
 // The hashed engine's workspace: the leading part and 4096 buckets, each with
@@ -110,9 +118,9 @@ using LZNT1_MATCH_FINDER = uint32_t (*)(const uint8_t* position, void* workspace
 // decodable. Only a *finalSize well below `outputLength` is worth storing;
 // callers compare as signed numbers. Nothing is ever written outside the
 // output buffer.
-[[nodiscard]] unsigned int CompressBuffer(uint16_t engine, const void* input, uint32_t inputLength,
-                                          void* output, int32_t outputLength, uint32_t chunkSize,
-                                          uint32_t* finalSize, void* workspace);
+[[nodiscard]] unsigned int CompressBuffer(uint16_t engine, const void* input, uint32_t inputLength, void* output,
+                                          int32_t outputLength, uint32_t chunkSize, uint32_t* finalSize,
+                                          void* workspace);
 
 // Compresses the chunk that starts at `position`: the next 4096 bytes, or
 // fewer at `inputEnd`, into [output, outputEnd), using `matchFinder` over
@@ -125,8 +133,8 @@ using LZNT1_MATCH_FINDER = uint32_t (*)(const uint8_t* position, void* workspace
 // (position not before inputEnd) makes no chunk: *chunkBytes = 0 and
 // ERROR_BUFFER_ALL_ZEROS.
 [[nodiscard]] unsigned int CompressChunk(LZNT1_MATCH_FINDER matchFinder, const uint8_t* position,
-                                         const uint8_t* inputEnd, uint8_t* output,
-                                         uint8_t* outputEnd, uint32_t* chunkBytes, void* workspace);
+                                         const uint8_t* inputEnd, uint8_t* output, uint8_t* outputEnd,
+                                         uint32_t* chunkBytes, void* workspace);
 
 // Expands the chunk stream of `inputLength` bytes into at most `outputLength`
 // bytes. A chunk that gives fewer than 4096 bytes is followed by zeros up to
@@ -143,8 +151,8 @@ using LZNT1_MATCH_FINDER = uint32_t (*)(const uint8_t* position, void* workspace
 // looked at: a malformed compressed body gives whatever the chunk left, its
 // reported length clipped to the output (the callers ignore this function's
 // code as well, hence no [[nodiscard]]).
-unsigned int DecompressBuffer(void* output, uint32_t outputLength, const void* input,
-                              int32_t inputLength, int32_t* finalSize);
+unsigned int DecompressBuffer(void* output, uint32_t outputLength, const void* input, int32_t inputLength,
+                              int32_t* finalSize);
 
 // Expands one compressed chunk body [input, inputEnd) into [output,
 // outputEnd). Back-references may reach only into what this call produced.
@@ -153,8 +161,8 @@ unsigned int DecompressBuffer(void* output, uint32_t outputLength, const void* i
 // the input's end or reaches before the output start, with *finalSize = the
 // input offset of that back-reference. The output holds what was produced
 // until then.
-unsigned int DecompressChunk(uint8_t* output, uint8_t* outputEnd, const uint8_t* input,
-                             const uint8_t* inputEnd, uint32_t* finalSize);
+unsigned int DecompressChunk(uint8_t* output, uint8_t* outputEnd, const uint8_t* input, const uint8_t* inputEnd,
+                             uint32_t* finalSize);
 
 // The engine-0 match finder. The three bytes at `position` pick one of 4096
 // buckets; each of its two slots is a candidate if it lies in the chunk before
@@ -169,8 +177,7 @@ uint32_t FindMatchExhaustive(const uint8_t* position, void* workspace);
 
 // The bucket of the three bytes b0, b1, b2 in the hashed finder.
 constexpr uint32_t Lznt1HashBucket(uint8_t b0, uint8_t b1, uint8_t b2) {
-    uint32_t product = ((((static_cast<uint32_t>(b0) << 4) ^ b1) << 4) ^ b2) *
-                       static_cast<uint32_t>(-24993);
+    uint32_t product = ((((static_cast<uint32_t>(b0) << 4) ^ b1) << 4) ^ b2) * static_cast<uint32_t>(-24993);
     return (product >> 4) & (kLznt1BucketCount - 1);
 }
 
@@ -178,10 +185,9 @@ constexpr uint32_t Lznt1HashBucket(uint8_t b0, uint8_t b1, uint8_t b2) {
 // is LZNT1, entries 3 to 7 return ERROR_UNSUPPORTED_COMPRESSION. The attribute
 // paths call the LZNT1 routines by name and do not go through these.
 using COMPRESSION_QUERY_ROUTINE = unsigned int (*)(uint16_t, uint32_t*, uint32_t*);
-using COMPRESSION_COMPRESS_ROUTINE = unsigned int (*)(uint16_t, const void*, uint32_t, void*,
-                                                      int32_t, uint32_t, uint32_t*, void*);
-using COMPRESSION_DECOMPRESS_ROUTINE = unsigned int (*)(void*, uint32_t, const void*, int32_t,
-                                                        int32_t*);
+using COMPRESSION_COMPRESS_ROUTINE = unsigned int (*)(uint16_t, const void*, uint32_t, void*, int32_t, uint32_t,
+                                                      uint32_t*, void*);
+using COMPRESSION_DECOMPRESS_ROUTINE = unsigned int (*)(void*, uint32_t, const void*, int32_t, int32_t*);
 
 extern const COMPRESSION_QUERY_ROUTINE QueryCompressionWorkspaceRoutines[kCompressionFormatCount];
 extern const COMPRESSION_COMPRESS_ROUTINE CompressBufferRoutines[kCompressionFormatCount];

@@ -46,9 +46,8 @@ inline void CopyMatch(uint8_t* to, size_t distance, size_t count) {
 
 }  // namespace
 
-unsigned int CompressChunk(LZNT1_MATCH_FINDER matchFinder, const uint8_t* position,
-                           const uint8_t* inputEnd, uint8_t* output, uint8_t* outputEnd,
-                           uint32_t* chunkBytes, void* workspace) {
+unsigned int CompressChunk(LZNT1_MATCH_FINDER matchFinder, const uint8_t* position, const uint8_t* inputEnd,
+                           uint8_t* output, uint8_t* outputEnd, uint32_t* chunkBytes, void* workspace) {
     const size_t inputLeft = Span(position, inputEnd);
     if (inputLeft == 0) {
         // Nothing to compress: no chunk at all, which is trivially all zero.
@@ -83,8 +82,8 @@ unsigned int CompressChunk(LZNT1_MATCH_FINDER matchFinder, const uint8_t* positi
         if (n != 0) {
             if (outPos + 2 > limit) break;
             const uint32_t distance = static_cast<uint32_t>(chunk + p - state->MatchAddress);
-            const uint32_t word = ((n - kLznt1MinimumMatch) & Lznt1LengthMask(k)) |
-                                  ((distance - 1) << Lznt1LengthBits(k));
+            const uint32_t word =
+                ((n - kLznt1MinimumMatch) & Lznt1LengthMask(k)) | ((distance - 1) << Lznt1LengthBits(k));
             flags = static_cast<uint8_t>(flags | (1u << flagIndex));
             WriteU16(output, outPos, static_cast<uint16_t>(word));
             outPos += 2;
@@ -119,14 +118,13 @@ unsigned int CompressChunk(LZNT1_MATCH_FINDER matchFinder, const uint8_t* positi
         size = flagPlace;
     }
     *chunkBytes = static_cast<uint32_t>(size);
-    WriteU16(output, 0,
-             static_cast<uint16_t>(kLznt1CompressedChunkFlags | ((size - 3) & kLznt1ChunkSizeMask)));
+    WriteU16(output, 0, static_cast<uint16_t>(kLznt1CompressedChunkFlags | ((size - 3) & kLznt1ChunkSizeMask)));
     // Matches only repeat literals, so no literal bit set means all zero.
     return literalOr == 0 ? ERROR_BUFFER_ALL_ZEROS : ERROR_SUCCESS;
 }
 
-unsigned int DecompressChunk(uint8_t* output, uint8_t* outputEnd, const uint8_t* input,
-                             const uint8_t* inputEnd, uint32_t* finalSize) {
+unsigned int DecompressChunk(uint8_t* output, uint8_t* outputEnd, const uint8_t* input, const uint8_t* inputEnd,
+                             uint32_t* finalSize) {
     const size_t room = Span(output, outputEnd);
     const size_t inLength = Span(input, inputEnd);
     size_t in = 0;

@@ -25,8 +25,8 @@ size_t MatchLimit(const _LZNT1_WORKSPACE& state, const uint8_t* position) {
 // candidate does not lie in the chunk before the position or its first three
 // bytes differ. The test is made on the integer value, so that a stale pointer
 // from an earlier chunk or a never-initialised slot is rejected unread.
-size_t CandidateLength(const uint8_t* candidate, const uint8_t* position,
-                       const _LZNT1_WORKSPACE& state, size_t limit, const uint8_t** address) {
+size_t CandidateLength(const uint8_t* candidate, const uint8_t* position, const _LZNT1_WORKSPACE& state, size_t limit,
+                       const uint8_t** address) {
     const uintptr_t value = reinterpret_cast<uintptr_t>(candidate);
     const uintptr_t here = reinterpret_cast<uintptr_t>(position);
     if (value < reinterpret_cast<uintptr_t>(state.ChunkStart) || value >= here) return 0;

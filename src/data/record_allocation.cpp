@@ -32,8 +32,8 @@ constexpr int64_t kRecordsStampedAtOnce = 10;
 unsigned int ReadMftRecord(CFullFileRecord* mft, int64_t index, int recordSize, void* buffer) {
     int64_t offset = index * recordSize;
     uint32_t read = 0;
-    const unsigned int code = mft->ReadAttribute(AttributeData, nullptr, 0, &offset,
-                                                 static_cast<uint32_t>(recordSize), buffer, &read);
+    const unsigned int code =
+        mft->ReadAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(recordSize), buffer, &read);
     if (code != ERROR_SUCCESS) return code;
     return read == static_cast<uint32_t>(recordSize) ? ERROR_SUCCESS : ERROR_FILE_CORRUPT;
 }
@@ -41,8 +41,7 @@ unsigned int ReadMftRecord(CFullFileRecord* mft, int64_t index, int recordSize, 
 unsigned int WriteMftRecord(CFullFileRecord* mft, int64_t index, int recordSize, const void* buffer) {
     int64_t offset = index * recordSize;
     uint32_t written = 0;
-    return mft->WriteAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(recordSize), buffer,
-                               &written);
+    return mft->WriteAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(recordSize), buffer, &written);
 }
 
 }  // namespace
@@ -117,9 +116,8 @@ unsigned int CFileRecordBitmap::TakeRecord(int64_t* index, int ignoreExclusions)
         return ERROR_NOT_ENOUGH_MEMORY;
     }
     code = ReadMftRecord(Mft, item, FileRecordSize, buffer);
-    if (code == ERROR_SUCCESS &&
-        !CFileRecord::InitializeFileRecord(reinterpret_cast<_FILE_RECORD_HEADER*>(buffer), FileRecordSize,
-                                           Volume->GetSectorSize(), &item)) {
+    if (code == ERROR_SUCCESS && !CFileRecord::InitializeFileRecord(reinterpret_cast<_FILE_RECORD_HEADER*>(buffer),
+                                                                    FileRecordSize, Volume->GetSectorSize(), &item)) {
         // A record whose bit is clear but whose image says it is in use is
         // not overwritten: whatever it holds stays, and the bit goes back.
         code = ERROR_FILE_CORRUPT;

@@ -46,8 +46,7 @@ void FreeRuns(CNTFSVolume* volume, const ClusterRun* runs, int count) {
 }  // namespace
 
 unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
-    if (attribute == nullptr || !attribute->InRecord || attribute->Record != this ||
-        GetAttributeIndex(attribute) < 0) {
+    if (attribute == nullptr || !attribute->InRecord || attribute->Record != this || GetAttributeIndex(attribute) < 0) {
         return ERROR_FILE_CORRUPT;
     }
     if (!attribute->Valid || !attribute->IsResident() || !attribute->BodyFits()) {
@@ -104,16 +103,16 @@ unsigned int CFileRecord::MakeNonResident(CAttribute* attribute) {
         }
         int64_t offset = 0;
         uint32_t written = 0;
-        code = Owner->WriteAttribute(type, nameLength > 0 ? name : nullptr, static_cast<uint32_t>(nameLength),
-                                     &offset, static_cast<uint32_t>(valueLength), saved.get(), &written);
+        code = Owner->WriteAttribute(type, nameLength > 0 ? name : nullptr, static_cast<uint32_t>(nameLength), &offset,
+                                     static_cast<uint32_t>(valueLength), saved.get(), &written);
         if (code != ERROR_SUCCESS) {
-            CAttribute* converted = Owner->FindAttribute(type, nameLength > 0 ? name : nullptr,
-                                                         static_cast<unsigned int>(nameLength), 0);
+            CAttribute* converted =
+                Owner->FindAttribute(type, nameLength > 0 ? name : nullptr, static_cast<unsigned int>(nameLength), 0);
             if (converted != nullptr) PutBack(converted, *original);
             return code;
         }
-        CAttribute* again = Owner->FindAttribute(type, nameLength > 0 ? name : nullptr,
-                                                 static_cast<unsigned int>(nameLength), 0);
+        CAttribute* again =
+            Owner->FindAttribute(type, nameLength > 0 ? name : nullptr, static_cast<unsigned int>(nameLength), 0);
         if (again != nullptr) {
             WriteU64(again->Header, kNonResidentDataSizeOffset, written);
             WriteU64(again->Header, kNonResidentInitializedSizeOffset, written);
@@ -268,8 +267,7 @@ unsigned int CBitmapData::Resize(uint32_t items) {
                 std::free(zeros);
                 return code;
             }
-            WriteU64(last->Header, kNonResidentHighestVcnOffset,
-                     static_cast<uint64_t>(last->GetHighestVcn() + got));
+            WriteU64(last->Header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(last->GetHighestVcn() + got));
             allocated += static_cast<int64_t>(got) * clusterSize;
             last->Mark();
         }
@@ -292,9 +290,9 @@ unsigned int CBitmapData::Resize(uint32_t items) {
     }
     int64_t offset = oldInitialized;
     uint32_t written = 0;
-    const unsigned int code = Owner->WriteAttribute(AttributeType, AttributeName, NameLength, &offset,
-                                                    static_cast<uint32_t>(clusterEnd - oldInitialized), zeros,
-                                                    &written);
+    const unsigned int code =
+        Owner->WriteAttribute(AttributeType, AttributeName, NameLength, &offset,
+                              static_cast<uint32_t>(clusterEnd - oldInitialized), zeros, &written);
     std::free(zeros);
     return code;
 }

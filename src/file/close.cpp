@@ -26,8 +26,7 @@ constexpr int kRefreshFrom = 0x08;
 constexpr int kRefreshTo = 0x40;
 
 bool ValueHolds(CAttribute* attribute, int offset, int bytes) {
-    return attribute->IsResident() && attribute->BodyFits() &&
-           attribute->GetDataSize() >= offset + bytes;
+    return attribute->IsResident() && attribute->BodyFits() && attribute->GetDataSize() >= offset + bytes;
 }
 
 void StoreSizes(CAttribute* name, int64_t allocated, int64_t real) {

@@ -6,7 +6,9 @@
 
 namespace ntfs {
 
-unsigned int CNTFSVolume::DeleteFile(CFileHandle*) { return ERROR_NOT_SUPPORTED; }
+unsigned int CNTFSVolume::DeleteFile(CFileHandle*) {
+    return ERROR_NOT_SUPPORTED;
+}
 
 int CNTFSVolume::RemoveDirectoryA(const char16_t*) {
     LastError = ERROR_NOT_SUPPORTED;

@@ -29,8 +29,7 @@ CFindHandle* AsFindHandle(CChainElement* element) {
 }  // namespace
 
 // References the record of `entry`, fills `data` for it and lets it go.
-static unsigned int DeliverEntry(CNTFSVolume* volume, CFindHandle* find, const uint8_t* entry,
-                                 _FIND_FILE_DATA* data) {
+static unsigned int DeliverEntry(CNTFSVolume* volume, CFindHandle* find, const uint8_t* entry, _FIND_FILE_DATA* data) {
     CFullFileRecord* record = nullptr;
     const unsigned int code = volume->ReferenceFileRecord(EntryReferencedRecord(entry), &record);
     if (code != ERROR_SUCCESS) return code;

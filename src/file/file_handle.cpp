@@ -51,8 +51,10 @@ CFileHandle::~CFileHandle() {
     std::free(Path);
     if (FindHandle != nullptr) FindHandle->Release();
     if (FileRecord != nullptr) {
-        if (Deleted) delete FileRecord;
-        else FileRecord->Release();
+        if (Deleted)
+            delete FileRecord;
+        else
+            FileRecord->Release();
     }
 }
 
@@ -296,6 +298,13 @@ unsigned int CFileHandle::ReserveCompressedClusters(unsigned int* clusters) {
     }
     const int needed = end + runBytes;
     if (needed > last->Size) {
+        // Deviation for safety: when the record is full (122) the reservation
+        // would go on in a new piece of an extension record. Such a piece
+        // starts its own run list, so its zero delta would map the reserved
+        // range onto cluster 0, the boot sector, and a later unit write or a
+        // truncation would write or free it. The reservation ends here with
+        // 122 and nothing changed; the compressed write that would follow is
+        // not built yet either.
         CAttribute* resized = nullptr;
         const unsigned int code = last->SetSize(needed, &resized);
         if (code != ERROR_SUCCESS) return code;

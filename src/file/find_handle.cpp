@@ -142,7 +142,8 @@ int CFindHandle::SetPattern(const char16_t* pattern) {
     // that ends in '?' then opens one element more than was counted, so the
     // array has a spare slot and no element beyond it is ever written.
     SegmentCapacity = count + 1;
-    Segments = static_cast<_PATTERN_SEGMENT*>(std::calloc(static_cast<size_t>(SegmentCapacity), sizeof(_PATTERN_SEGMENT)));
+    Segments =
+        static_cast<_PATTERN_SEGMENT*>(std::calloc(static_cast<size_t>(SegmentCapacity), sizeof(_PATTERN_SEGMENT)));
     if (Segments == nullptr) return 0;
     int current = 0;
     int segments = 1;
@@ -337,8 +338,8 @@ unsigned int CFindHandle::Revalidate() {
     return code;
 }
 
-void CFindHandle::FillFindData(const uint64_t* parentReference, CFullFileRecord* record,
-                               _FIND_FILE_DATA* data, const uint8_t* entry) {
+void CFindHandle::FillFindData(const uint64_t* parentReference, CFullFileRecord* record, _FIND_FILE_DATA* data,
+                               const uint8_t* entry) {
     if ((ReadU16(entry, kEntryFlagsOffset) & kEntryIsLast) == 0) {
         RememberDelivered(EntryReferencedRecord(entry));
     }
@@ -370,7 +371,8 @@ void CFindHandle::FillFindData(const uint64_t* parentReference, CFullFileRecord*
     }
     if (last != nullptr) {
         uint32_t attributes = ReadU32(last, kFileNameFlagsOffset);
-        if (attributes & kFileNameIsDirectory) attributes = (attributes & ~kFileNameIsDirectory) | kFileAttributeDirectory;
+        if (attributes & kFileNameIsDirectory)
+            attributes = (attributes & ~kFileNameIsDirectory) | kFileAttributeDirectory;
         data->FileAttributes = attributes;
         CopyTime(data->CreationTime, last, kFileNameCreationTimeOffset);
         CopyTime(data->LastAccessTime, last, kFileNameAccessTimeOffset);

@@ -22,7 +22,9 @@ namespace {
 // compression unit of any cluster size it still has a 64-bit byte count.
 constexpr int64_t kLargestFileSize = INT64_MAX - 0xFFFFFFFF;
 
-int64_t CeilDiv(int64_t value, int64_t by) { return (value + by - 1) / by; }
+int64_t CeilDiv(int64_t value, int64_t by) {
+    return (value + by - 1) / by;
+}
 
 }  // namespace
 
@@ -131,7 +133,8 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
     LastError = code;
     if (code != ERROR_SUCCESS) return 0;
     if (WriteGrownRecord(record) != ERROR_SUCCESS) return 0;
-    file->AllocatedSize = static_cast<int64_t>(GetClusterSize()) * (file->Compressed ? kDefaultCompressionUnitClusters : 1);
+    file->AllocatedSize =
+        static_cast<int64_t>(GetClusterSize()) * (file->Compressed ? kDefaultCompressionUnitClusters : 1);
     file->Resident = 0;
     *leaves = true;
     return 1;
@@ -191,8 +194,8 @@ int CNTFSVolume::WriteFile(void* handle, const void* buffer, int size, int* done
     int64_t position = file->FilePointer;
     uint32_t written = static_cast<uint32_t>(size);
     record->LockShared();
-    LastError = record->WriteAttribute(AttributeData, nullptr, 0, &position, static_cast<uint32_t>(size), buffer,
-                                       &written);
+    LastError =
+        record->WriteAttribute(AttributeData, nullptr, 0, &position, static_cast<uint32_t>(size), buffer, &written);
     record->UnlockShared();
     *done = static_cast<int>(written);
     if (file->FilePointer + written > file->DataSize) file->DataSize = file->FilePointer + written;

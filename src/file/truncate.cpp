@@ -7,8 +7,7 @@
 
 namespace ntfs {
 
-unsigned int CNTFSVolume::TruncateFile(CFullFileRecord* record, uint32_t type, const char16_t* name,
-                                       int nameLength) {
+unsigned int CNTFSVolume::TruncateFile(CFullFileRecord* record, uint32_t type, const char16_t* name, int nameLength) {
     const auto length = static_cast<unsigned int>(nameLength);
     // The sweep over the further instances takes instance 1, then what is
     // instance 2 after that removal, and so on: every second piece of the

@@ -59,8 +59,10 @@ CChainElementContainer::~CChainElementContainer() {
             break;
         }
         Head = element->Next;
-        if (Head != nullptr) Head->Previous = nullptr;
-        else Tail = nullptr;
+        if (Head != nullptr)
+            Head->Previous = nullptr;
+        else
+            Tail = nullptr;
         --Count;
         LeaveCriticalSection(&Lock);
         element->SetContainer(nullptr);
@@ -88,10 +90,14 @@ CChainElement* CChainElementContainer::AddElement(CChainElement* element) {
 
 CChainElement* CChainElementContainer::RemoveElement(CChainElement* element) {
     EnterCriticalSection(&Lock);
-    if (element->Previous != nullptr) element->Previous->Next = element->Next;
-    else Head = element->Next;
-    if (element->Next != nullptr) element->Next->Previous = element->Previous;
-    else Tail = element->Previous;
+    if (element->Previous != nullptr)
+        element->Previous->Next = element->Next;
+    else
+        Head = element->Next;
+    if (element->Next != nullptr)
+        element->Next->Previous = element->Previous;
+    else
+        Tail = element->Previous;
     --Count;
     LeaveCriticalSection(&Lock);
     element->SetContainer(nullptr);
@@ -134,10 +140,14 @@ CChainElement* CChainElementContainer::SearchElement(ChainSearchRoutine routine,
     }
     for (CChainElement* element = RecoverHead; element != nullptr; element = element->Next) {
         if (!routine(element, parameter)) continue;
-        if (element->Previous != nullptr) element->Previous->Next = element->Next;
-        else RecoverHead = element->Next;
-        if (element->Next != nullptr) element->Next->Previous = element->Previous;
-        else RecoverTail = element->Previous;
+        if (element->Previous != nullptr)
+            element->Previous->Next = element->Next;
+        else
+            RecoverHead = element->Next;
+        if (element->Next != nullptr)
+            element->Next->Previous = element->Previous;
+        else
+            RecoverTail = element->Previous;
         --RecoverCount;
         LeaveCriticalSection(&Lock);
         AddElement(element);
@@ -177,8 +187,10 @@ void CChainElementContainer::RetireObject(CChainElement* element) {
     }
     element->Next = RecoverHead;
     element->Previous = nullptr;
-    if (RecoverHead != nullptr) RecoverHead->Previous = element;
-    else RecoverTail = element;
+    if (RecoverHead != nullptr)
+        RecoverHead->Previous = element;
+    else
+        RecoverTail = element;
     ++RecoverCount;
     RecoverHead = element;
     LeaveCriticalSection(&Lock);

@@ -68,8 +68,7 @@ constexpr int kLogBufferSize = 4096;
 // Formats into `buffer`, writing at most `size` bytes including the NUL.
 // Returns the count of characters written, or -1 when formatting fails or the
 // text does not fit.
-int LogFormat(char* buffer, int64_t size, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
+int LogFormat(char* buffer, int64_t size, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
 // Formats a line and prints it to standard output only.
 void LogMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
@@ -77,7 +76,6 @@ void LogMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // Formats `format` with the arguments after `code`, sends the text to the
 // debugger sink and to standard output, then sends " ErrorCode = %08XH.\n"
 // with `code` to both sinks. Returns `code`.
-unsigned int LogFailure(const char* format, unsigned int code, ...)
-    __attribute__((format(printf, 1, 3)));
+unsigned int LogFailure(const char* format, unsigned int code, ...) __attribute__((format(printf, 1, 3)));
 
 }  // namespace ntfs

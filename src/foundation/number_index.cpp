@@ -49,8 +49,8 @@ uint64_t CNumberIndex::Probe(int64_t key) const {
 int CNumberIndex::Grow() {
     const int64_t slots = SlotCount == 0 ? kFirstSlotCount : SlotCount * 2;
     auto* keys = static_cast<int64_t*>(std::malloc(static_cast<size_t>(slots) * sizeof(int64_t)));
-    auto* values = WithValues ? static_cast<intptr_t*>(std::malloc(static_cast<size_t>(slots) * sizeof(intptr_t)))
-                              : nullptr;
+    auto* values =
+        WithValues ? static_cast<intptr_t*>(std::malloc(static_cast<size_t>(slots) * sizeof(intptr_t))) : nullptr;
     auto* used = static_cast<uint64_t*>(std::calloc(static_cast<size_t>(slots / 64), sizeof(uint64_t)));
     if (keys == nullptr || used == nullptr || (WithValues && values == nullptr)) {
         std::free(keys);

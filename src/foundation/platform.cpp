@@ -43,8 +43,7 @@ int TryEnterCriticalSection(CRITICAL_SECTION* section) {
 
 void LeaveCriticalSection(CRITICAL_SECTION* section) {
     // Only the owner leaves; a leave without an entry changes nothing.
-    if (section->Owner.load(std::memory_order_relaxed) != std::this_thread::get_id() ||
-        section->RecursionCount == 0) {
+    if (section->Owner.load(std::memory_order_relaxed) != std::this_thread::get_id() || section->RecursionCount == 0) {
         return;
     }
     if (--section->RecursionCount == 0) {
@@ -53,7 +52,9 @@ void LeaveCriticalSection(CRITICAL_SECTION* section) {
     }
 }
 
-int CriticalSectionWaiters(CRITICAL_SECTION* section) { return section->LockCount.load(); }
+int CriticalSectionWaiters(CRITICAL_SECTION* section) {
+    return section->LockCount.load();
+}
 
 namespace {
 
@@ -97,18 +98,16 @@ void CivilFromDays(int64_t days, int64_t* year, int* month, int* day) {
 
 void GetSystemTime(_SYSTEMTIME* time) {
     using namespace std::chrono;
-    const int64_t unixTicks =
-        duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count() / 100;
+    const int64_t unixTicks = duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count() / 100;
     _LARGE_INTEGER fileTime;
     fileTime.QuadPart = unixTicks + kDaysTo1970 * kTicksPerDay;
     FileTimeToSystemTime(&fileTime, time);
 }
 
 int SystemTimeToFileTime(const _SYSTEMTIME* time, _LARGE_INTEGER* result) {
-    if (time->wYear < 1601 || time->wYear > 30827 || time->wMonth < 1 || time->wMonth > 12 ||
-        time->wDay < 1 || time->wDay > DaysInMonth(time->wYear, time->wMonth) ||
-        time->wHour > 23 || time->wMinute > 59 || time->wSecond > 59 ||
-        time->wMilliseconds > 999) {
+    if (time->wYear < 1601 || time->wYear > 30827 || time->wMonth < 1 || time->wMonth > 12 || time->wDay < 1 ||
+        time->wDay > DaysInMonth(time->wYear, time->wMonth) || time->wHour > 23 || time->wMinute > 59 ||
+        time->wSecond > 59 || time->wMilliseconds > 999) {
         return 0;
     }
     const int64_t days = DaysFromCivil(time->wYear, time->wMonth, time->wDay);
@@ -160,9 +159,7 @@ char16_t* lstrcatW(char16_t* target, const char16_t* source) {
 }
 
 int lstrcmpiW(const char16_t* a, const char16_t* b) {
-    auto fold = [](char16_t unit) -> int {
-        return unit >= u'a' && unit <= u'z' ? unit - (u'a' - u'A') : unit;
-    };
+    auto fold = [](char16_t unit) -> int { return unit >= u'a' && unit <= u'z' ? unit - (u'a' - u'A') : unit; };
     for (;; ++a, ++b) {
         const int left = fold(*a);
         const int right = fold(*b);
@@ -182,7 +179,9 @@ namespace {
 std::atomic<DebugSink> g_debugSink{nullptr};
 }
 
-DebugSink SetDebugSink(DebugSink sink) { return g_debugSink.exchange(sink); }
+DebugSink SetDebugSink(DebugSink sink) {
+    return g_debugSink.exchange(sink);
+}
 
 void OutputDebugStringA(const char* text) {
     if (DebugSink sink = g_debugSink.load()) sink(text);

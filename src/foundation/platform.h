@@ -27,10 +27,10 @@ using i64 = int64_t;
 // The owner's own entries touch only its fields; a first entry takes Guard
 // (one atomic operation when nobody holds it), a last leave gives it back.
 struct CRITICAL_SECTION {
-    std::mutex Guard;                        // held by the owner from its first entry to its last leave
-    std::atomic<std::thread::id> Owner{};    // owning thread, default id when free
-    int RecursionCount = 0;                  // entries of the owner not yet left; the owner's alone
-    std::atomic<int> LockCount{0};           // threads blocked in EnterCriticalSection
+    std::mutex Guard;                      // held by the owner from its first entry to its last leave
+    std::atomic<std::thread::id> Owner{};  // owning thread, default id when free
+    int RecursionCount = 0;                // entries of the owner not yet left; the owner's alone
+    std::atomic<int> LockCount{0};         // threads blocked in EnterCriticalSection
 };
 
 void InitializeCriticalSection(CRITICAL_SECTION* section);

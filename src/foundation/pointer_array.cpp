@@ -73,8 +73,7 @@ int CPointerArray::RemoveAt(int index) {
         LeaveCriticalSection(&Lock);
         return 0;
     }
-    std::memmove(&Elements[index], &Elements[index + 1],
-                 sizeof(intptr_t) * static_cast<size_t>(Count - index - 1));
+    std::memmove(&Elements[index], &Elements[index + 1], sizeof(intptr_t) * static_cast<size_t>(Count - index - 1));
     --Count;
     LeaveCriticalSection(&Lock);
     return 1;

@@ -36,9 +36,7 @@ public:
     // raises the count; only a growth moves elements up for it.
     // Returns -2 when the block cannot be allocated (the array is unchanged).
     int InsertAfter(int index, intptr_t value);
-    int InsertAfter(int index, const void* value) {
-        return InsertAfter(index, reinterpret_cast<intptr_t>(value));
-    }
+    int InsertAfter(int index, const void* value) { return InsertAfter(index, reinterpret_cast<intptr_t>(value)); }
     // Removes the element at `index`, moving the higher ones down. Returns 1,
     // or 0 (and changes nothing) when the index is at or above the count.
     int RemoveAt(int index);
@@ -58,9 +56,7 @@ public:
 
     int GetCount() const { return Count; }
     // The element at `index`, or 0 outside 0 .. count - 1.
-    intptr_t Get(int index) const {
-        return index >= 0 && index < Count ? Elements[index] : 0;
-    }
+    intptr_t Get(int index) const { return index >= 0 && index < Count ? Elements[index] : 0; }
     template <typename T>
     T* At(int index) const {
         return reinterpret_cast<T*>(Get(index));

@@ -2,8 +2,7 @@
 
 namespace ntfs {
 
-CShareElement::CShareElement(CChainElementContainer* container)
-    : ReferenceCount(0), SharedCount(0), ExclusiveCount(0) {
+CShareElement::CShareElement(CChainElementContainer* container) : ReferenceCount(0), SharedCount(0), ExclusiveCount(0) {
     InitializeCriticalSection(&ElementLock);
     Container = container;
     if (container != nullptr) container->AddElement(this);
@@ -15,7 +14,9 @@ CShareElement::~CShareElement() {
     DeleteCriticalSection(&ElementLock);
 }
 
-int CShareElement::Reference() { return ReferenceCount++; }
+int CShareElement::Reference() {
+    return ReferenceCount++;
+}
 
 int CShareElement::Release() {
     const int old = ReferenceCount--;
@@ -64,9 +65,13 @@ int CShareElement::UnlockExclusive() {
     return count;
 }
 
-void CShareElement::Lock() { EnterCriticalSection(&ElementLock); }
+void CShareElement::Lock() {
+    EnterCriticalSection(&ElementLock);
+}
 
-void CShareElement::Unlock() { LeaveCriticalSection(&ElementLock); }
+void CShareElement::Unlock() {
+    LeaveCriticalSection(&ElementLock);
+}
 
 int CShareElement::TryLock() {
     const int entered = TryEnterCriticalSection(&ElementLock);

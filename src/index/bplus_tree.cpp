@@ -20,8 +20,7 @@ namespace {
 // compares not less than the key. *position is its index, or -1 when a null
 // item ends the scan (a node without its end item); *found tells whether that
 // item equals the key, by a second comparison.
-CBPlusTreeItem* ScanNode(CBPlusTreeNode* node, int start, const _INDEX_SEARCH_KEY* key,
-                         int* position, bool* found) {
+CBPlusTreeItem* ScanNode(CBPlusTreeNode* node, int start, const _INDEX_SEARCH_KEY* key, int* position, bool* found) {
     *found = false;
     for (int index = start;; ++index) {
         CBPlusTreeItem* item = node->GetItem(index);
@@ -41,11 +40,17 @@ CBPlusTreeItem* ScanNode(CBPlusTreeNode* node, int start, const _INDEX_SEARCH_KE
 
 // ---------------------------------------------------------------- items
 
-CBPlusTreeItem* CBPlusTreeItem::GetPrevious() { return Previous; }
+CBPlusTreeItem* CBPlusTreeItem::GetPrevious() {
+    return Previous;
+}
 
-CBPlusTreeItem* CBPlusTreeItem::GetNext() { return Next; }
+CBPlusTreeItem* CBPlusTreeItem::GetNext() {
+    return Next;
+}
 
-CBPlusTreeNode* CBPlusTreeItem::GetNode() { return Node; }
+CBPlusTreeNode* CBPlusTreeItem::GetNode() {
+    return Node;
+}
 
 CBPlusTreeItem* CBPlusTreeItem::SetPrevious(CBPlusTreeItem* item) {
     CBPlusTreeItem* old = Previous;
@@ -78,7 +83,9 @@ CBPlusTreeNode* CBPlusTreeItem::DetachChild() {
     return old;
 }
 
-bool CBPlusTreeItem::HasChild() { return Child != nullptr; }
+bool CBPlusTreeItem::HasChild() {
+    return Child != nullptr;
+}
 
 // ---------------------------------------------------------------- nodes
 
@@ -96,7 +103,9 @@ unsigned int CBPlusTreeNode::FindInsertPosition(CBPlusTreeItem*, CBPlusTreeNode*
     return ERROR_NOT_SUPPORTED;
 }
 
-bool CBPlusTreeNode::IsEmpty() { return Items.GetCount() == 0; }
+bool CBPlusTreeNode::IsEmpty() {
+    return Items.GetCount() == 0;
+}
 
 unsigned int CBPlusTreeNode::RemoveItem(CBPlusTreeItem* item, CBPlusTreeNode** child) {
     return UnlinkItem(item, child);
@@ -221,8 +230,8 @@ unsigned int CBPlusTreeNode::FindNextItem(CBPlusTreeItem** item, const _INDEX_SE
 
 // ---------------------------------------------------------------- descent
 
-unsigned int CBPlusTreeNode::LocatePosition(CBPlusTreeNode* node, const _INDEX_SEARCH_KEY* key,
-                                            CBPlusTreeNode** found, int* index) {
+unsigned int CBPlusTreeNode::LocatePosition(CBPlusTreeNode* node, const _INDEX_SEARCH_KEY* key, CBPlusTreeNode** found,
+                                            int* index) {
     for (int depth = 0; depth < kMaxTreeDepth; ++depth) {
         bool equal = false;
         int position = -1;
@@ -246,8 +255,7 @@ unsigned int CBPlusTreeNode::LocatePosition(CBPlusTreeNode* node, const _INDEX_S
 
 // ---------------------------------------------------------------- insertion
 
-unsigned int CBPlusTreeNode::InsertItem(int index, CBPlusTreeItem* item,
-                                        CBPlusTreeItem** inserted) {
+unsigned int CBPlusTreeNode::InsertItem(int index, CBPlusTreeItem* item, CBPlusTreeItem** inserted) {
     CBPlusTreeNode* target = this;
     if (!HasSpaceFor(item)) {
         const unsigned int error = SplitAndPromote(&target, &index);

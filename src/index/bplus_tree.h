@@ -137,12 +137,10 @@ public:
     // HasSpaceFor refuses; a split sends the median up through the parent
     // item, recursively. *inserted (may be null) receives the item as it now
     // stands in its node. The caller keeps `item`.
-    [[nodiscard]] virtual unsigned int InsertItem(int index, CBPlusTreeItem* item,
-                                                  CBPlusTreeItem** inserted) final;
+    [[nodiscard]] virtual unsigned int InsertItem(int index, CBPlusTreeItem* item, CBPlusTreeItem** inserted) final;
     // The leaf and position where `item` belongs, searching from this node.
     // Nodes without positions return ERROR_NOT_SUPPORTED.
-    [[nodiscard]] virtual unsigned int FindInsertPosition(CBPlusTreeItem* item,
-                                                          CBPlusTreeNode** node, int* index);
+    [[nodiscard]] virtual unsigned int FindInsertPosition(CBPlusTreeItem* item, CBPlusTreeNode** node, int* index);
     // Takes `item` of this node back from interior status after its sub-node
     // was retired.
     [[nodiscard]] virtual unsigned int ReinsertDetached(CBPlusTreeItem* item) = 0;
@@ -162,16 +160,14 @@ public:
     // Stores a copy of `item` behind `previous` (null: at the front) without
     // a room test. Returns the position of the new item and stores it in
     // *inserted; negative when nothing was stored.
-    virtual int InsertRaw(CBPlusTreeItem* previous, CBPlusTreeItem* item,
-                          CBPlusTreeItem** inserted) = 0;
+    virtual int InsertRaw(CBPlusTreeItem* previous, CBPlusTreeItem* item, CBPlusTreeItem** inserted) = 0;
     // Gives up the greatest key of this leaf as a free-standing item that
     // the caller owns.
     [[nodiscard]] virtual unsigned int TakeLastEntry(CBPlusTreeItem** item) = 0;
     // Takes `item` out of this node; *child receives its sub-node.
     [[nodiscard]] virtual unsigned int RemoveItem(CBPlusTreeItem* item, CBPlusTreeNode** child);
     // Whether the cursor search stops at an item equal to the key.
-    virtual bool AcceptItem(CBPlusTreeItem* item, bool backtracked,
-                            const _INDEX_SEARCH_KEY* key) = 0;
+    virtual bool AcceptItem(CBPlusTreeItem* item, bool backtracked, const _INDEX_SEARCH_KEY* key) = 0;
 
     // Frees the whole cursor and starts a new one of one frame standing on
     // this object at position 0. Returns 1, or 0 with Cursor null when out of
@@ -192,8 +188,7 @@ public:
     // logged as "New entry has exist in record!", when the key is already
     // there; unlogged for a node without an end item, an item that leads to
     // no node, or a descent deeper than kMaxTreeDepth.
-    [[nodiscard]] static unsigned int LocatePosition(CBPlusTreeNode* node,
-                                                     const _INDEX_SEARCH_KEY* key,
+    [[nodiscard]] static unsigned int LocatePosition(CBPlusTreeNode* node, const _INDEX_SEARCH_KEY* key,
                                                      CBPlusTreeNode** found, int* index);
     // Removes `item` from wherever it stands in the tree of this tree object.
     // Items of stored nodes are not valid after this call.
@@ -224,19 +219,16 @@ protected:
 
 private:
     unsigned int SplitAndPromote(CBPlusTreeNode** target, int* index);
-    static unsigned int PlaceItem(CBPlusTreeNode* target, int index, CBPlusTreeItem* item,
-                                  CBPlusTreeItem** inserted);
+    static unsigned int PlaceItem(CBPlusTreeNode* target, int index, CBPlusTreeItem* item, CBPlusTreeItem** inserted);
     unsigned int DescendCursor(CBPlusTreeItem* item);
     void AscendCursor();
 
     // Steps of Remove (bplus_tree_remove.cpp).
     unsigned int RemoveFromLeaf(CBPlusTreeNode* node);
     unsigned int ReplaceFromLeafChild(CBPlusTreeNode* node, int position, CBPlusTreeNode* child);
-    unsigned int ReplaceFromInteriorChild(CBPlusTreeNode* node, int position,
-                                          CBPlusTreeNode* child);
+    unsigned int ReplaceFromInteriorChild(CBPlusTreeNode* node, int position, CBPlusTreeNode* child);
     unsigned int HandOverPenultimate(CBPlusTreeNode* exhausted, CBPlusTreeItem** clone);
-    static unsigned int PutReplacement(CBPlusTreeNode* node, int position,
-                                       CBPlusTreeItem* replacement);
+    static unsigned int PutReplacement(CBPlusTreeNode* node, int position, CBPlusTreeItem* replacement);
     static unsigned int PutAtInsertPosition(CBPlusTreeNode* start, CBPlusTreeItem* replacement);
 };
 

@@ -51,8 +51,7 @@ unsigned int CBPlusTreeNode::RemoveFromLeaf(CBPlusTreeNode* node) {
 
 // The removed item led to a leaf. Its greatest key takes the item's place and
 // keeps the leaf below it, unless that empties the leaf.
-unsigned int CBPlusTreeNode::ReplaceFromLeafChild(CBPlusTreeNode* node, int position,
-                                                  CBPlusTreeNode* child) {
+unsigned int CBPlusTreeNode::ReplaceFromLeafChild(CBPlusTreeNode* node, int position, CBPlusTreeNode* child) {
     if (child->IsEmpty()) return RetireNode(child);
     CBPlusTreeItem* replacement = nullptr;
     const unsigned int error = child->TakeLastEntry(&replacement);
@@ -75,8 +74,7 @@ unsigned int CBPlusTreeNode::ReplaceFromLeafChild(CBPlusTreeNode* node, int posi
 
 // The removed item led to an interior node. The node that holds the greatest
 // key of that subtree decides the case.
-unsigned int CBPlusTreeNode::ReplaceFromInteriorChild(CBPlusTreeNode* node, int position,
-                                                      CBPlusTreeNode* child) {
+unsigned int CBPlusTreeNode::ReplaceFromInteriorChild(CBPlusTreeNode* node, int position, CBPlusTreeNode* child) {
     CBPlusTreeNode* last = nullptr;
     unsigned int error = child->FindLastNode(&last);
     if (error != ERROR_SUCCESS) return error;
@@ -145,8 +143,7 @@ unsigned int CBPlusTreeNode::ReplaceFromInteriorChild(CBPlusTreeNode* node, int 
 // end item leaves the node as a clone; the end item's old chain is retired
 // and the end item takes over the departed item's sub-node. *clone is the
 // caller's.
-unsigned int CBPlusTreeNode::HandOverPenultimate(CBPlusTreeNode* exhausted,
-                                                 CBPlusTreeItem** clone) {
+unsigned int CBPlusTreeNode::HandOverPenultimate(CBPlusTreeNode* exhausted, CBPlusTreeItem** clone) {
     const int count = exhausted->GetItemCount();
     CBPlusTreeItem* penultimate = count >= 2 ? exhausted->GetItem(count - 2) : nullptr;
     if (penultimate == nullptr) return ERROR_INTERNAL_ERROR;
@@ -172,8 +169,7 @@ unsigned int CBPlusTreeNode::HandOverPenultimate(CBPlusTreeNode* exhausted,
 
 // Puts `replacement` at `position` of `node` and deletes it: the node keeps
 // its own copy.
-unsigned int CBPlusTreeNode::PutReplacement(CBPlusTreeNode* node, int position,
-                                            CBPlusTreeItem* replacement) {
+unsigned int CBPlusTreeNode::PutReplacement(CBPlusTreeNode* node, int position, CBPlusTreeItem* replacement) {
     CBPlusTreeItem* stored = nullptr;
     const unsigned int error = node->InsertItem(position, replacement, &stored);
     delete replacement;
@@ -182,8 +178,7 @@ unsigned int CBPlusTreeNode::PutReplacement(CBPlusTreeNode* node, int position,
 
 // Puts the leaf entry `replacement` where its key belongs below `start`, and
 // deletes it.
-unsigned int CBPlusTreeNode::PutAtInsertPosition(CBPlusTreeNode* start,
-                                                 CBPlusTreeItem* replacement) {
+unsigned int CBPlusTreeNode::PutAtInsertPosition(CBPlusTreeNode* start, CBPlusTreeItem* replacement) {
     CBPlusTreeNode* target = nullptr;
     int index = 0;
     const unsigned int error = start->FindInsertPosition(replacement, &target, &index);

@@ -123,14 +123,18 @@ int CDirectory::ClearModified() {
     return old;
 }
 
-unsigned int CDirectory::ReinsertDetached(CBPlusTreeItem*) { return ERROR_SUCCESS; }
+unsigned int CDirectory::ReinsertDetached(CBPlusTreeItem*) {
+    return ERROR_SUCCESS;
+}
 
 unsigned int CDirectory::FindLastNode(CBPlusTreeNode** node) {
     *node = nullptr;
     return ERROR_SUCCESS;
 }
 
-bool CDirectory::IsLeaf() { return false; }
+bool CDirectory::IsLeaf() {
+    return false;
+}
 
 unsigned int CDirectory::Split(CBPlusTreeItem** median) {
     *median = nullptr;
@@ -151,8 +155,7 @@ unsigned int CDirectory::RetireNode(CBPlusTreeNode* node) {
 }
 
 bool CDirectory::HasSpaceFor(CBPlusTreeItem* item) {
-    return FileRecord != nullptr &&
-           FileRecord->GetFreeSpace() >= static_cast<CIndexEntry*>(item)->GetLength();
+    return FileRecord != nullptr && FileRecord->GetFreeSpace() >= static_cast<CIndexEntry*>(item)->GetLength();
 }
 
 int CDirectory::InsertRaw(CBPlusTreeItem*, CBPlusTreeItem*, CBPlusTreeItem** inserted) {
@@ -165,9 +168,9 @@ bool CDirectory::AcceptItem(CBPlusTreeItem* item, bool backtracked, const _INDEX
 }
 
 CIndexRoot* CDirectory::GetIndexRoot() {
-    CAttribute* attribute =
-        FileRecord != nullptr ? FileRecord->FindAttribute(AttributeIndexRoot, kIndexName, kIndexNameLength, 0)
-                              : nullptr;
+    CAttribute* attribute = FileRecord != nullptr
+                                ? FileRecord->FindAttribute(AttributeIndexRoot, kIndexName, kIndexNameLength, 0)
+                                : nullptr;
     uint8_t* value = attribute != nullptr && attribute->IsResident() ? attribute->GetValue() : nullptr;
     if (Root != nullptr) {
         if (RootValue == value) return Root;
@@ -316,8 +319,7 @@ unsigned int CDirectory::InsertEntry(CBPlusTreeNode* start, CIndexEntry* entry) 
     // A failed attempt has been undone as a whole, so the same node and
     // position serve the retry.
     for (int retry = 0;
-         (code == ERROR_INSUFFICIENT_BUFFER || code == ERROR_HANDLE_DISK_FULL) && retry < kMaxInsertRetries;
-         ++retry) {
+         (code == ERROR_INSUFFICIENT_BUFFER || code == ERROR_HANDLE_DISK_FULL) && retry < kMaxInsertRetries; ++retry) {
         LogMessage("There is no space to store new data in FileRecord, Adjust it.\n");
         if (FileRecord->FindAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength, 0) != nullptr) {
             const unsigned int adjusted = AdjustFileRecord();

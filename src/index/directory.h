@@ -198,13 +198,13 @@ public:
     // The change links of the find handles on this directory.
     CChainElementContainer OpenFindHandles;
     // The work lists of one change, empty between changes.
-    CPointerArray AbateRecords;     // CIndexRecord* retired in this change
-    CPointerArray ModifiedRecords;  // CIndexRecord* changed in this change
-    CPointerArray NewRecords;       // VCNs taken from the bitmap in this change
-    CPointerArray NewFileRecords;   // CFileRecord* extension records made for it
-    CPointerArray NewClusterRuns;   // (LCN, count) pairs of clusters taken for it
-    int GrowFailed;                 // the last growth failed in resizing the bitmap
-    int RecordsAdded;               // index records added to ItemCount in this change
+    CPointerArray AbateRecords;                  // CIndexRecord* retired in this change
+    CPointerArray ModifiedRecords;               // CIndexRecord* changed in this change
+    CPointerArray NewRecords;                    // VCNs taken from the bitmap in this change
+    CPointerArray NewFileRecords;                // CFileRecord* extension records made for it
+    CPointerArray NewClusterRuns;                // (LCN, count) pairs of clusters taken for it
+    int GrowFailed;                              // the last growth failed in resizing the bitmap
+    int RecordsAdded;                            // index records added to ItemCount in this change
     std::atomic<int64_t> IndexMemoryShortfalls;  // see CountMemoryShortfall
     // VCN to the first valid record of that VCN on OpenRecords, while
     // OpenRecordIndexWhole is 1; made again from the chain by the next
@@ -218,9 +218,9 @@ public:
     // VCN to the compact image of a kept record (C allocator memory).
     CNumberIndex KeptRecords;
     std::atomic<int> RecordsReattached;
-    int64_t KeptBytes;     // bytes of the kept images
+    int64_t KeptBytes;  // bytes of the kept images
     int64_t KeptPlainBudget;
-    void* KeptWorkspace;   // the compressor's workspace and output, made on first use
+    void* KeptWorkspace;  // the compressor's workspace and output, made on first use
     CRITICAL_SECTION OpenRecordIndexLock;
 
 private:
@@ -229,8 +229,7 @@ private:
     unsigned int CreateIndexAttributes();
     unsigned int GrowIntoNewClusters(int count, uint8_t* buffer, CPointerArray* runs);
     unsigned int GrowIntoSlack(int count, uint8_t* buffer);
-    unsigned int WriteEmptyRecords(int64_t lcn, int clusters, uint8_t* buffer, int64_t* nextRecord,
-                                   int* recordOffset);
+    unsigned int WriteEmptyRecords(int64_t lcn, int clusters, uint8_t* buffer, int64_t* nextRecord, int* recordOffset);
     unsigned int ResizeIndexBitmap(int64_t items);
 };
 

@@ -30,7 +30,9 @@ CIndexRecord* AsIndexRecord(CChainElement* element) {
     return static_cast<CIndexRecord*>(static_cast<CShareElement*>(element));
 }
 
-bool Holds(CPointerArray& list, intptr_t value) { return list.IndexOf(value) >= 0; }
+bool Holds(CPointerArray& list, intptr_t value) {
+    return list.IndexOf(value) >= 0;
+}
 
 }  // namespace
 
@@ -373,8 +375,10 @@ unsigned int CDirectory::FlushNode(CBPlusTreeNode* node) {
     if (node == static_cast<CBPlusTreeNode*>(Root)) {
         const unsigned int code = WriteDirectoryRecord();
         Root->ClearModified();
-        if (code == ERROR_SUCCESS) FileRecord->Commit();
-        else FileRecord->Revert();
+        if (code == ERROR_SUCCESS)
+            FileRecord->Commit();
+        else
+            FileRecord->Revert();
         return code;
     }
     auto* record = static_cast<CIndexRecord*>(node);
@@ -383,8 +387,10 @@ unsigned int CDirectory::FlushNode(CBPlusTreeNode* node) {
         record->Revert();
     } else {
         code = WriteIndexRecord(record);
-        if (code == ERROR_SUCCESS) record->Commit();
-        else record->Revert();
+        if (code == ERROR_SUCCESS)
+            record->Commit();
+        else
+            record->Revert();
     }
     record->ClearModified();
     return code;

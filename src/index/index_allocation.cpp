@@ -35,8 +35,7 @@ constexpr int kNameBytes = 2 * kIndexNameLength;
 CAttribute* LastAllocationPiece(CFullFileRecord* record) {
     CAttribute* last = nullptr;
     for (unsigned int index = 0;; ++index) {
-        CAttribute* piece =
-            record->FindAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength, index);
+        CAttribute* piece = record->FindAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength, index);
         if (piece == nullptr) return last;
         last = piece;
     }
@@ -153,8 +152,7 @@ unsigned int CDirectory::GrowIndexAllocation(int count) {
         code = CreateIndexAttributes();
     }
     if (code == ERROR_SUCCESS) {
-        CAttribute* first =
-            FileRecord->FindAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength, 0);
+        CAttribute* first = FileRecord->FindAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength, 0);
         if (first == nullptr || first->IsResident()) {
             code = ERROR_FILE_CORRUPT;
         } else {
@@ -286,8 +284,7 @@ unsigned int CDirectory::WriteEmptyRecords(int64_t lcn, int clusters, uint8_t* b
     for (int64_t done = 0; done < total;) {
         if (*recordOffset == 0) {
             const int64_t vcn = *nextRecord * RecordSize / VirtualClusterSize;
-            if (!CIndexRecord::InitializeRecord(buffer, RecordSize, sectorSize, vcn))
-                return ERROR_INTERNAL_ERROR;
+            if (!CIndexRecord::InitializeRecord(buffer, RecordSize, sectorSize, vcn)) return ERROR_INTERNAL_ERROR;
             ProtectIndexRecord(buffer, RecordSize);
             ++*nextRecord;
         }
@@ -297,9 +294,8 @@ unsigned int CDirectory::WriteEmptyRecords(int64_t lcn, int clusters, uint8_t* b
         if (sectors > total - done) sectors = total - done;
         int64_t sector = lcn * clusterSectors + done;
         int written = 0;
-        const unsigned int code =
-            Volume->WriteSector(buffer + static_cast<int64_t>(*recordOffset) * sectorSize, &sector,
-                                static_cast<int>(sectors), &written, nullptr);
+        const unsigned int code = Volume->WriteSector(buffer + static_cast<int64_t>(*recordOffset) * sectorSize,
+                                                      &sector, static_cast<int>(sectors), &written, nullptr);
         if (code != ERROR_SUCCESS) return LogFailure("Initialize new allocated IndexRecord fail.", code);
         *recordOffset = static_cast<int>((*recordOffset + sectors) % recordSectors);
         done += sectors;

@@ -28,8 +28,7 @@ void FoldIndexName(char16_t* name) {
     for (; *name != 0; ++name) *name = FoldUnit(*name);
 }
 
-unsigned int FindEntryInsertPosition(CBPlusTreeNode* start, CIndexEntry* entry, CBPlusTreeNode** node,
-                                     int* index) {
+unsigned int FindEntryInsertPosition(CBPlusTreeNode* start, CIndexEntry* entry, CBPlusTreeNode** node, int* index) {
     auto* name = static_cast<char16_t*>(std::malloc((kMaxEntryNameLength + 1) * sizeof(char16_t)));
     if (name == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     const int length = entry->CopyName(name);
@@ -40,15 +39,13 @@ unsigned int FindEntryInsertPosition(CBPlusTreeNode* start, CIndexEntry* entry, 
     return code;
 }
 
-CIndexEntry::CIndexEntry(uint8_t* entry, CBPlusTreeNode* node, CBPlusTreeItem* previous,
-                         CDirectory* directory)
+CIndexEntry::CIndexEntry(uint8_t* entry, CBPlusTreeNode* node, CBPlusTreeItem* previous, CDirectory* directory)
     : OwnsBuffer(0), Entry(entry), Directory(directory) {
     Node = node;
     Previous = previous;
 }
 
-CIndexEntry::CIndexEntry(uint8_t* buffer, CDirectory* directory)
-    : OwnsBuffer(1), Entry(buffer), Directory(directory) {}
+CIndexEntry::CIndexEntry(uint8_t* buffer, CDirectory* directory) : OwnsBuffer(1), Entry(buffer), Directory(directory) {}
 
 CIndexEntry* CIndexEntry::MakeOwning(const uint8_t* source, int bytes, CDirectory* directory) {
     if (bytes < kEntryHeaderSize) return nullptr;
@@ -82,7 +79,9 @@ int EntryNameLength(const uint8_t* entry) {
     return length < room ? length : room;
 }
 
-int CIndexEntry::GetNameLength() const { return EntryNameLength(Entry); }
+int CIndexEntry::GetNameLength() const {
+    return EntryNameLength(Entry);
+}
 
 int CIndexEntry::CopyName(char16_t* name) const {
     const int length = GetNameLength();
@@ -93,7 +92,9 @@ int CIndexEntry::CopyName(char16_t* name) const {
     return length;
 }
 
-bool CIndexEntry::HasChild() { return EntryHasSubNode(Entry); }
+bool CIndexEntry::HasChild() {
+    return EntryHasSubNode(Entry);
+}
 
 int CIndexEntry::CompareKey(const _INDEX_SEARCH_KEY* key) {
     if (IsLast()) return 1;
@@ -162,8 +163,8 @@ unsigned int CIndexEntry::LoadRecord(int64_t vcn, CBPlusTreeNode** child) {
     const unsigned int code =
         Directory->TakeKeptImage(vcn, buffer)
             ? ERROR_SUCCESS
-            : Directory->GetFileRecord()->ReadAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength,
-                                                        &offset, static_cast<uint32_t>(recordSize), buffer, &read);
+            : Directory->GetFileRecord()->ReadAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength, &offset,
+                                                        static_cast<uint32_t>(recordSize), buffer, &read);
     if (code != ERROR_SUCCESS || read < static_cast<uint32_t>(recordSize)) {
         std::free(buffer);
         Child = nullptr;
@@ -215,6 +216,8 @@ CBPlusTreeNode* CIndexEntry::DetachChild() {
     return old;
 }
 
-CBPlusTreeItem* CIndexEntry::Clone() { return MakeOwning(Entry, GetLength(), nullptr); }
+CBPlusTreeItem* CIndexEntry::Clone() {
+    return MakeOwning(Entry, GetLength(), nullptr);
+}
 
 }  // namespace ntfs

@@ -60,10 +60,18 @@ constexpr int kIndexNameLength = 4;
 
 // Raw field access on an entry's bytes. REQUIRES: at least the 16 header
 // bytes are readable; the VCN helpers also need the length field to be true.
-inline int EntryLength(const uint8_t* entry) { return ReadU16(entry, kEntryLengthOffset); }
-inline uint16_t EntryFlags(const uint8_t* entry) { return ReadU16(entry, kEntryFlagsOffset); }
-inline bool EntryIsLast(const uint8_t* entry) { return (EntryFlags(entry) & kEntryIsLast) != 0; }
-inline bool EntryHasSubNode(const uint8_t* entry) { return (EntryFlags(entry) & kEntryHasSubNode) != 0; }
+inline int EntryLength(const uint8_t* entry) {
+    return ReadU16(entry, kEntryLengthOffset);
+}
+inline uint16_t EntryFlags(const uint8_t* entry) {
+    return ReadU16(entry, kEntryFlagsOffset);
+}
+inline bool EntryIsLast(const uint8_t* entry) {
+    return (EntryFlags(entry) & kEntryIsLast) != 0;
+}
+inline bool EntryHasSubNode(const uint8_t* entry) {
+    return (EntryFlags(entry) & kEntryHasSubNode) != 0;
+}
 inline int64_t EntrySubNodeVcn(const uint8_t* entry) {
     return ReadI64(entry, static_cast<size_t>(EntryLength(entry) - kEntryVcnSize));
 }
@@ -84,12 +92,18 @@ inline int64_t EntryReferencedRecord(const uint8_t* entry) {
 int EntryNameLength(const uint8_t* entry);
 // Whether a real entry is long enough to hold its key up to the name; a
 // shorter one is damage, and the key's fields must not be read.
-inline bool EntryHoldsKey(const uint8_t* entry) { return EntryLength(entry) >= kEntryNameOffset; }
+inline bool EntryHoldsKey(const uint8_t* entry) {
+    return EntryLength(entry) >= kEntryNameOffset;
+}
 
 // The length of a leaf entry for a name of `units` units: 82 + 2n rounded up
 // to 8. Its key length is 66 + 2n.
-constexpr int IndexEntrySize(int units) { return (kEntryNameOffset + 2 * units + 7) & ~7; }
-constexpr int IndexKeySize(int units) { return kEntryNameOffset - kEntryKeyOffset + 2 * units; }
+constexpr int IndexEntrySize(int units) {
+    return (kEntryNameOffset + 2 * units + 7) & ~7;
+}
+constexpr int IndexKeySize(int units) {
+    return kEntryNameOffset - kEntryKeyOffset + 2 * units;
+}
 
 // The validity test the node parsers apply to the entry at `offset`: a
 // readable header, a length of at least 16 and a multiple of 8, and an end
@@ -110,8 +124,8 @@ class CIndexEntry;
 // of its name is searched as a whole name (2n + 1 units). *node and *index
 // receive the leaf and the position; ERROR_NOT_ENOUGH_MEMORY, or a code of
 // CBPlusTreeNode::LocatePosition.
-[[nodiscard]] unsigned int FindEntryInsertPosition(CBPlusTreeNode* start, CIndexEntry* entry,
-                                                   CBPlusTreeNode** node, int* index);
+[[nodiscard]] unsigned int FindEntryInsertPosition(CBPlusTreeNode* start, CIndexEntry* entry, CBPlusTreeNode** node,
+                                                   int* index);
 
 // An owning copy of `entry` as a leaf entry: without its trailing VCN (when
 // it leads down), flags 0. Null when out of memory.

@@ -20,7 +20,9 @@
 
 namespace ntfs {
 
-void ProtectIndexRecord(uint8_t* image, int recordSize) { ProtectUpdateSequence(image, recordSize); }
+void ProtectIndexRecord(uint8_t* image, int recordSize) {
+    ProtectUpdateSequence(image, recordSize);
+}
 
 int CIndexRecord::InitializeRecord(uint8_t* buffer, int recordSize, int sectorSize, int64_t vcn) {
     if (buffer == nullptr || sectorSize <= 0 || recordSize < kUpdateSequenceStride) return 0;
@@ -97,11 +99,17 @@ CIndexRecord::~CIndexRecord() {
     Items.Clear();
 }
 
-int64_t CIndexRecord::GetVcn() const { return ReadI64(Image, kIndexVcnOffset); }
+int64_t CIndexRecord::GetVcn() const {
+    return ReadI64(Image, kIndexVcnOffset);
+}
 
-uint32_t CIndexRecord::GetBytesInUse() const { return ReadU32(Image, kIndexBytesInUseOffset); }
+uint32_t CIndexRecord::GetBytesInUse() const {
+    return ReadU32(Image, kIndexBytesInUseOffset);
+}
 
-uint32_t CIndexRecord::GetFirstEntryOffset() const { return ReadU32(Image, kIndexFirstEntryOffset); }
+uint32_t CIndexRecord::GetFirstEntryOffset() const {
+    return ReadU32(Image, kIndexFirstEntryOffset);
+}
 
 uint32_t CIndexRecord::GetBytesAllocated() const {
     const uint32_t allocated = ReadU32(Image, kIndexBytesAllocatedOffset);
@@ -109,7 +117,9 @@ uint32_t CIndexRecord::GetBytesAllocated() const {
     return allocated < most ? allocated : most;
 }
 
-void CIndexRecord::SetBytesInUse(uint32_t bytes) { WriteU32(Image, kIndexBytesInUseOffset, bytes); }
+void CIndexRecord::SetBytesInUse(uint32_t bytes) {
+    WriteU32(Image, kIndexBytesInUseOffset, bytes);
+}
 
 int64_t CIndexRecord::UsedEnd() const {
     const int64_t end = kIndexNodeHeaderOffset + static_cast<int64_t>(GetBytesInUse());
@@ -164,26 +174,38 @@ int CIndexRecord::ParseEntries() {
     return result;
 }
 
-int CIndexRecord::MarkModified() { return ExchangeFlag(&Modified, 1); }
+int CIndexRecord::MarkModified() {
+    return ExchangeFlag(&Modified, 1);
+}
 
-int CIndexRecord::ClearModified() { return ExchangeFlag(&Modified, 0); }
+int CIndexRecord::ClearModified() {
+    return ExchangeFlag(&Modified, 0);
+}
 
 unsigned int CIndexRecord::FindInsertPosition(CBPlusTreeItem* item, CBPlusTreeNode** node, int* index) {
     return FindEntryInsertPosition(this, static_cast<CIndexEntry*>(item), node, index);
 }
 
-bool CIndexRecord::IsEmpty() { return GetItemCount() < 2; }
+bool CIndexRecord::IsEmpty() {
+    return GetItemCount() < 2;
+}
 
-bool CIndexRecord::IsLeaf() { return (ReadU32(Image, kIndexFlagsOffset) & kIndexNodeHasSubNodes) == 0; }
+bool CIndexRecord::IsLeaf() {
+    return (ReadU32(Image, kIndexFlagsOffset) & kIndexNodeHasSubNodes) == 0;
+}
 
-unsigned int CIndexRecord::RetireNode(CBPlusTreeNode* node) { return Directory->RetireNode(node); }
+unsigned int CIndexRecord::RetireNode(CBPlusTreeNode* node) {
+    return Directory->RetireNode(node);
+}
 
 bool CIndexRecord::HasSpaceFor(CBPlusTreeItem* item) {
     const int64_t free = static_cast<int64_t>(GetBytesAllocated()) - GetBytesInUse();
     return free > static_cast<CIndexEntry*>(item)->GetLength();
 }
 
-bool CIndexRecord::AcceptItem(CBPlusTreeItem*, bool, const _INDEX_SEARCH_KEY*) { return true; }
+bool CIndexRecord::AcceptItem(CBPlusTreeItem*, bool, const _INDEX_SEARCH_KEY*) {
+    return true;
+}
 
 int CIndexRecord::InsertRaw(CBPlusTreeItem* previous, CBPlusTreeItem* item, CBPlusTreeItem** inserted) {
     *inserted = nullptr;

@@ -65,8 +65,7 @@ public:
     // CBPlusTreeNode.
     int MarkModified() override;
     int ClearModified() override;
-    [[nodiscard]] unsigned int FindInsertPosition(CBPlusTreeItem* item, CBPlusTreeNode** node,
-                                                  int* index) override;
+    [[nodiscard]] unsigned int FindInsertPosition(CBPlusTreeItem* item, CBPlusTreeNode** node, int* index) override;
     [[nodiscard]] unsigned int ReinsertDetached(CBPlusTreeItem* item) override;
     // Nothing but the end entry.
     bool IsEmpty() override;

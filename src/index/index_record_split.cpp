@@ -99,8 +99,7 @@ unsigned int CIndexRecord::BuildLeftRecord(int median, int64_t vcn, CIndexRecord
     std::memset(end, 0, static_cast<size_t>(endLength));
     WriteU16(end, kEntryLengthOffset, static_cast<uint16_t>(endLength));
     WriteU16(end, kEntryFlagsOffset, leadsDown ? kEntryIsLast | kEntryHasSubNode : kEntryIsLast);
-    if (leadsDown)
-        WriteU64(end, kEntryHeaderSize, static_cast<uint64_t>(EntrySubNodeVcn(middle->GetEntry())));
+    if (leadsDown) WriteU64(end, kEntryHeaderSize, static_cast<uint64_t>(EntrySubNodeVcn(middle->GetEntry())));
     WriteU32(image, kIndexFlagsOffset, ReadU32(Image, kIndexFlagsOffset));
     record->SetBytesInUse(record->GetFirstEntryOffset() + static_cast<uint32_t>(moved + endLength));
     static_cast<void>(record->ParseEntries());
@@ -114,8 +113,7 @@ unsigned int CIndexRecord::BuildLeftRecord(int median, int64_t vcn, CIndexRecord
 // and gets the new VCN in place of its own.
 CIndexEntry* CIndexRecord::CopyMedian(CIndexEntry* median, int64_t leftVcn) {
     const int length = median->GetLength();
-    const int size =
-        median->HasChild() && length >= kEndEntryWithSubNodeSize ? length : length + kEntryVcnSize;
+    const int size = median->HasChild() && length >= kEndEntryWithSubNodeSize ? length : length + kEntryVcnSize;
     auto* buffer = static_cast<uint8_t*>(std::calloc(static_cast<size_t>(size), 1));
     if (buffer == nullptr) return nullptr;
     std::memcpy(buffer, median->GetEntry(), static_cast<size_t>(length < size ? length : size));
@@ -127,7 +125,9 @@ CIndexEntry* CIndexRecord::CopyMedian(CIndexEntry* median, int64_t leftVcn) {
     return copy;
 }
 
-unsigned int CIndexRecord::TakeLastEntry(CBPlusTreeItem** item) { return TakeLastEntryAt(item, 0); }
+unsigned int CIndexRecord::TakeLastEntry(CBPlusTreeItem** item) {
+    return TakeLastEntryAt(item, 0);
+}
 
 unsigned int CIndexRecord::TakeLastEntryAt(CBPlusTreeItem** item, int depth) {
     if (depth >= kMaxTreeDepth) return ERROR_FILE_CORRUPT;
@@ -171,7 +171,9 @@ unsigned int CIndexRecord::TakeLastEntryAt(CBPlusTreeItem** item, int depth) {
     return ERROR_SUCCESS;
 }
 
-unsigned int CIndexRecord::FindLastNode(CBPlusTreeNode** node) { return FindLastNodeAt(node, 0); }
+unsigned int CIndexRecord::FindLastNode(CBPlusTreeNode** node) {
+    return FindLastNodeAt(node, 0);
+}
 
 unsigned int CIndexRecord::FindLastNodeAt(CBPlusTreeNode** node, int depth) {
     if (depth >= kMaxTreeDepth) return ERROR_FILE_CORRUPT;

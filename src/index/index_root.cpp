@@ -46,7 +46,9 @@ int64_t CIndexRoot::ValueBytes() const {
     return length < room ? length : room;
 }
 
-uint32_t CIndexRoot::GetBytesInUse() const { return ReadU32(Value, kRootBytesInUseOffset); }
+uint32_t CIndexRoot::GetBytesInUse() const {
+    return ReadU32(Value, kRootBytesInUseOffset);
+}
 
 int64_t CIndexRoot::UsedEnd() const {
     const int64_t end = kRootNodeHeaderOffset + static_cast<int64_t>(GetBytesInUse());
@@ -66,8 +68,7 @@ unsigned int CIndexRoot::ResizeValue(int delta) {
     CAttribute* resized = nullptr;
     const unsigned int code = attribute->SetSize(attribute->Size + delta, &resized);
     if (code != ERROR_SUCCESS) return code;
-    WriteU32(attribute->Header, kResidentValueLengthOffset,
-             static_cast<uint32_t>(attribute->GetDataSize() + delta));
+    WriteU32(attribute->Header, kResidentValueLengthOffset, static_cast<uint32_t>(attribute->GetDataSize() + delta));
     attribute->Mark();
     return ERROR_SUCCESS;
 }
@@ -108,7 +109,7 @@ int CIndexRoot::ParseEntries() {
             if (EntryHasSubNode(bytes) && EntryLength(bytes) >= kEndEntryWithSubNodeSize) {
                 if (CIndexRecord* open = Directory->FindOpenRecord(EntrySubNodeVcn(bytes))) {
                     item->AttachChild(open);
-                Directory->NoteRecordReattached();
+                    Directory->NoteRecordReattached();
                 }
             }
             previous = item;
@@ -127,9 +128,13 @@ int CIndexRoot::ParseEntries() {
     return result;
 }
 
-int CIndexRoot::MarkModified() { return ExchangeFlag(&Modified, 1); }
+int CIndexRoot::MarkModified() {
+    return ExchangeFlag(&Modified, 1);
+}
 
-int CIndexRoot::ClearModified() { return ExchangeFlag(&Modified, 0); }
+int CIndexRoot::ClearModified() {
+    return ExchangeFlag(&Modified, 0);
+}
 
 unsigned int CIndexRoot::FindInsertPosition(CBPlusTreeItem* item, CBPlusTreeNode** node, int* index) {
     return FindEntryInsertPosition(this, static_cast<CIndexEntry*>(item), node, index);
@@ -146,9 +151,13 @@ unsigned int CIndexRoot::FindLastNode(CBPlusTreeNode** node) {
     return child->FindLastNode(node);
 }
 
-bool CIndexRoot::IsLeaf() { return (ReadU32(Value, kRootFlagsOffset) & kRootLargeIndex) == 0; }
+bool CIndexRoot::IsLeaf() {
+    return (ReadU32(Value, kRootFlagsOffset) & kRootLargeIndex) == 0;
+}
 
-unsigned int CIndexRoot::RetireNode(CBPlusTreeNode* node) { return Directory->RetireNode(node); }
+unsigned int CIndexRoot::RetireNode(CBPlusTreeNode* node) {
+    return Directory->RetireNode(node);
+}
 
 bool CIndexRoot::HasSpaceFor(CBPlusTreeItem* item) {
     const CAttribute* attribute = FindRootAttribute();

@@ -50,8 +50,7 @@ public:
 
     int MarkModified() override;
     int ClearModified() override;
-    [[nodiscard]] unsigned int FindInsertPosition(CBPlusTreeItem* item, CBPlusTreeNode** node,
-                                                  int* index) override;
+    [[nodiscard]] unsigned int FindInsertPosition(CBPlusTreeItem* item, CBPlusTreeNode** node, int* index) override;
     [[nodiscard]] unsigned int ReinsertDetached(CBPlusTreeItem* item) override;
     [[nodiscard]] unsigned int FindLastNode(CBPlusTreeNode** node) override;
     bool IsLeaf() override;
@@ -80,7 +79,7 @@ public:
 
     int Modified;
     uint8_t* Value;
-    int64_t Used;  // bytes in use as of the last parse
+    int64_t Used;          // bytes in use as of the last parse
     int MemoryShortfalls;  // parses that lacked memory for an item
     CDirectory* Directory;
     CFullFileRecord* FileRecord;

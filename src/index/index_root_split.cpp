@@ -75,9 +75,9 @@ unsigned int CIndexRoot::MoveEntriesToRecord(uint8_t* buffer, int first) {
     if (entries < 0 || entries > recordSize - kIndexNodeHeaderOffset - first) return ERROR_FILE_CORRUPT;
     int64_t offset = kRootEntriesOffset;
     uint32_t read = 0;
-    unsigned int code = FileRecord->ReadAttribute(AttributeIndexRoot, kIndexName, kIndexNameLength, &offset,
-                                                  static_cast<uint32_t>(entries),
-                                                  buffer + kIndexNodeHeaderOffset + first, &read);
+    unsigned int code =
+        FileRecord->ReadAttribute(AttributeIndexRoot, kIndexName, kIndexNameLength, &offset,
+                                  static_cast<uint32_t>(entries), buffer + kIndexNodeHeaderOffset + first, &read);
     if (code != ERROR_SUCCESS) return code;
     WriteU32(buffer, kIndexBytesInUseOffset, static_cast<uint32_t>(first) + read);
 

@@ -71,7 +71,9 @@ bool TailIsZeroButStretchEnds(const uint8_t* image, int from, int size, uint16_t
     return true;
 }
 
-void FreeKept(int64_t, intptr_t value, void*) { std::free(reinterpret_cast<void*>(value)); }
+void FreeKept(int64_t, intptr_t value, void*) {
+    std::free(reinterpret_cast<void*>(value));
+}
 
 bool FrameHolds(const _TREE_CURSOR_FRAME* frame, const CBPlusTreeNode* node) {
     for (int depth = 0; frame != nullptr && depth <= kMaxTreeDepth; frame = frame->Previous, ++depth) {
@@ -97,12 +99,11 @@ void CDirectory::KeepPassedRecord(CIndexRecord* record, ChainSearchRoutine curso
     Lock();
     const bool alone = GetSharedCount() == 1 && GetExclusiveCount() == 0;
     CBPlusTreeItem* parent = record->GetParentItem();
-    bool free = alone && OpenRecordIndexWhole.load() && !OpenRecordVcnsShared.load() &&
-                AbateRecords.GetCount() == 0 && ModifiedRecords.GetCount() == 0 && NewRecords.GetCount() == 0 &&
-                record->IsValid() && !record->IsModified() && record->MemoryShortfalls == 0 &&
-                record->CleanImage != nullptr && record->GetReferenceCount() == 1 &&
-                record->GetShadowVcn() == record->GetVcn() && parent != nullptr && parent->GetChild() == record &&
-                !FrameHolds(Cursor, record) &&
+    bool free = alone && OpenRecordIndexWhole.load() && !OpenRecordVcnsShared.load() && AbateRecords.GetCount() == 0 &&
+                ModifiedRecords.GetCount() == 0 && NewRecords.GetCount() == 0 && record->IsValid() &&
+                !record->IsModified() && record->MemoryShortfalls == 0 && record->CleanImage != nullptr &&
+                record->GetReferenceCount() == 1 && record->GetShadowVcn() == record->GetVcn() && parent != nullptr &&
+                parent->GetChild() == record && !FrameHolds(Cursor, record) &&
                 OpenFindHandles.SearchElement(cursorInNode, static_cast<CBPlusTreeNode*>(record)) == nullptr;
     for (int i = 0; free && i < record->GetItemCount(); ++i) free = record->GetItem(i)->GetChild() == nullptr;
     const int size = record->GetRecordSize();

@@ -28,7 +28,9 @@ constexpr uint8_t kFormUnset = 0xFF;
 // non-resident form (at 64).
 constexpr int kNameShiftBetweenForms = kNonResidentHeaderSize - kResidentHeaderSize;
 
-int64_t RoundUp8(int64_t size) { return (size + kAlignment - 1) & ~int64_t{kAlignment - 1}; }
+int64_t RoundUp8(int64_t size) {
+    return (size + kAlignment - 1) & ~int64_t{kAlignment - 1};
+}
 
 // Bytes an attribute of this form needs for its header and a name.
 int HeaderAndNameBytes(bool resident, int nameLength) {
@@ -82,7 +84,9 @@ void CAttribute::Mark() {
     Modified = 1;
 }
 
-uint32_t CAttribute::GetType() const { return Valid ? ReadU32(Header, kAttributeTypeOffset) : 0; }
+uint32_t CAttribute::GetType() const {
+    return Valid ? ReadU32(Header, kAttributeTypeOffset) : 0;
+}
 
 int CAttribute::GetNameLength() const {
     return Valid ? ReadU8(Header, kAttributeNameLengthOffset) : -1;
@@ -96,9 +100,13 @@ uint16_t CAttribute::GetNameOffset() const {
     return Valid ? ReadU16(Header, kAttributeNameOffsetOffset) : 0;
 }
 
-int CAttribute::LengthField() const { return ReadI32(Header, kAttributeLengthOffset); }
+int CAttribute::LengthField() const {
+    return ReadI32(Header, kAttributeLengthOffset);
+}
 
-int CAttribute::RunListOffset() const { return ReadU16(Header, kNonResidentRunListOffsetOffset); }
+int CAttribute::RunListOffset() const {
+    return ReadU16(Header, kNonResidentRunListOffsetOffset);
+}
 
 uint8_t* CAttribute::GetValue() const {
     if (!Valid) return nullptr;
@@ -134,8 +142,8 @@ bool CAttribute::NameFits() const {
 bool CAttribute::BodyFits() const {
     if (!Valid || !NameFits()) return false;
     if (IsResident()) {
-        const int64_t end = int64_t{ReadU16(Header, kResidentValueOffsetOffset)} +
-                            ReadU32(Header, kResidentValueLengthOffset);
+        const int64_t end =
+            int64_t{ReadU16(Header, kResidentValueOffsetOffset)} + ReadU32(Header, kResidentValueLengthOffset);
         return Size >= kResidentHeaderSize && end <= Size;
     }
     return Size >= kNonResidentHeaderSize && RunListOffset() <= Size;
@@ -157,8 +165,7 @@ int CAttribute::SetResident(int resident) {
     if (wanted == 0) {
         if (nameLength > 0) {
             WriteU16(Header, kAttributeNameOffsetOffset, kResidentHeaderSize);
-            std::memmove(Header + kResidentHeaderSize,
-                         Header + kResidentHeaderSize + kNameShiftBetweenForms,
+            std::memmove(Header + kResidentHeaderSize, Header + kResidentHeaderSize + kNameShiftBetweenForms,
                          2 * static_cast<size_t>(nameLength));
             WriteU16(Header, kResidentValueOffsetOffset,
                      static_cast<uint16_t>((nameLength * 2 + 7 + kResidentHeaderSize) & 0xFFF8));
@@ -172,8 +179,7 @@ int CAttribute::SetResident(int resident) {
     } else {
         if (nameLength > 0) {
             WriteU16(Header, kAttributeNameOffsetOffset, kNonResidentHeaderSize);
-            std::memmove(Header + kNonResidentHeaderSize,
-                         Header + kNonResidentHeaderSize - kNameShiftBetweenForms,
+            std::memmove(Header + kNonResidentHeaderSize, Header + kNonResidentHeaderSize - kNameShiftBetweenForms,
                          2 * static_cast<size_t>(nameLength));
             WriteU16(Header, kNonResidentRunListOffsetOffset,
                      static_cast<uint16_t>((nameLength * 2 + 3 + kNonResidentHeaderSize) & 0xFFFC));
@@ -213,8 +219,7 @@ int CAttribute::SetName(const char16_t* name, int length) {
     if (shift > 0) {
         if (bodyBytes > Size - shift - bodyStart) bodyBytes = Size - shift - bodyStart;
         if (bodyBytes > 0) {
-            std::memmove(Header + bodyStart + shift, Header + bodyStart,
-                         static_cast<size_t>(bodyBytes));
+            std::memmove(Header + bodyStart + shift, Header + bodyStart, static_cast<size_t>(bodyBytes));
         }
     }
 
@@ -294,8 +299,7 @@ CAttribute* CAttribute::Clone() const {
     // header copy below brings the real name bytes along anyway.
     if (lstrlenW(name) < nameLength) nameLength = 0;
 
-    auto* clone =
-        new (std::nothrow) CAttribute(Size, IsResident() ? 1 : 0, nameLength > 0 ? name : nullptr);
+    auto* clone = new (std::nothrow) CAttribute(Size, IsResident() ? 1 : 0, nameLength > 0 ? name : nullptr);
     if (clone == nullptr) return nullptr;
     if (!clone->Valid) {
         delete clone;

@@ -27,7 +27,9 @@ constexpr int kListAttributeSize = 72;
 // the longest stretch it reported at once.
 constexpr int kMaxShortRetries = 64;
 
-int ListEntryLength(int nameLength) { return (2 * nameLength + kListEntryNameOffset + 7) & ~7; }
+int ListEntryLength(int nameLength) {
+    return (2 * nameLength + kListEntryNameOffset + 7) & ~7;
+}
 
 int NameLengthOf(const CAttribute* attribute) {
     return attribute->NameFits() ? attribute->GetNameLength() : 0;
@@ -295,8 +297,8 @@ unsigned int CFullFileRecord::RebuildAttributeList() {
     if (placed == created || placed->Record != this) return fail(ERROR_NOT_ENOUGH_MEMORY);
     int64_t offset = 0;
     uint32_t written = 0;
-    code = WriteAttribute(AttributeAttributeList, nullptr, 0, &offset, static_cast<uint32_t>(listSize), buffer,
-                          &written);
+    code =
+        WriteAttribute(AttributeAttributeList, nullptr, 0, &offset, static_cast<uint32_t>(listSize), buffer, &written);
     if (code != ERROR_SUCCESS) return fail(code);
     int64_t changed = 0;
     if (!volume->UpdateFileRecord(this, nullptr, nullptr, &changed)) return fail(volume->LastError);

@@ -59,8 +59,7 @@ int64_t* CAttribute::GetRunList(int* count) const {
     }
     if (runs == 0) return nullptr;
 
-    auto* pairs =
-        static_cast<int64_t*>(std::malloc(sizeof(int64_t) * 2 * static_cast<size_t>(runs)));
+    auto* pairs = static_cast<int64_t*>(std::malloc(sizeof(int64_t) * 2 * static_cast<size_t>(runs)));
     if (pairs == nullptr) return nullptr;
     int64_t lcn = 0;
     position = RunListOffset();
@@ -196,8 +195,7 @@ CAttribute* CAttribute::SplitAttribute(int64_t vcnOffset, int compressedHeader) 
     } else {
         // The split point's absolute LCN; the next run counted from the
         // run's start, which has moved by the remainder.
-        AddHeadRun(&head, WrapSubtract(split.Length, remainder),
-                   WrapAdd(WrapAdd(before, split.Offset), remainder));
+        AddHeadRun(&head, WrapSubtract(split.Length, remainder), WrapAdd(WrapAdd(before, split.Offset), remainder));
         if (found == 1) {
             AddHeadRun(&head, next.Length, WrapSubtract(next.Offset, remainder));
             head.ConsumedEnd += next.Bytes;
@@ -228,9 +226,8 @@ CAttribute* CAttribute::SplitAttribute(int64_t vcnOffset, int compressedHeader) 
     if (piece == nullptr) return nullptr;
     const int pieceRunOffset = piece->Valid ? piece->RunListOffset() : 0;
     CAttribute* self;
-    if (!piece->Valid ||
-        (pieceRunOffset + head.Length + rest > piece->Size &&
-         piece->SetSize(pieceRunOffset + head.Length + rest, &self) != ERROR_SUCCESS)) {
+    if (!piece->Valid || (pieceRunOffset + head.Length + rest > piece->Size &&
+                          piece->SetSize(pieceRunOffset + head.Length + rest, &self) != ERROR_SUCCESS)) {
         delete piece;
         return nullptr;
     }
@@ -255,8 +252,7 @@ CAttribute* CAttribute::SplitAttribute(int64_t vcnOffset, int compressedHeader) 
         delete piece;
         return nullptr;
     }
-    WriteU64(Header, kNonResidentHighestVcnOffset,
-             static_cast<uint64_t>(WrapSubtract(pieceLowest, 1)));
+    WriteU64(Header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(WrapSubtract(pieceLowest, 1)));
     WriteBytes(split.Position, cut, cutBytes);
     // The shrink can only fail for an attribute that has left its record's
     // table; the cut list stands all the same.

@@ -36,8 +36,7 @@ int CompareAttributeNames(const CAttribute* existing, const CAttribute* added) {
 
 }  // namespace
 
-CFileRecord::CFileRecord(int64_t recordNumber, _FILE_RECORD_HEADER* buffer, CFullFileRecord* owner,
-                         CNTFSVolume* volume)
+CFileRecord::CFileRecord(int64_t recordNumber, _FILE_RECORD_HEADER* buffer, CFullFileRecord* owner, CNTFSVolume* volume)
     : IsBase(0),
       AttributeTable(nullptr),
       EndMarker(nullptr),
@@ -46,8 +45,7 @@ CFileRecord::CFileRecord(int64_t recordNumber, _FILE_RECORD_HEADER* buffer, CFul
       Volume(nullptr),
       ImageSize(volume != nullptr ? volume->GetFileRecordSize() : kFileRecordSize) {
     if (ImageSize <= 0) ImageSize = 0;
-    CleanImage =
-        static_cast<uint8_t*>(std::malloc(static_cast<size_t>(ImageSize > 0 ? ImageSize : 1)));
+    CleanImage = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(ImageSize > 0 ? ImageSize : 1)));
     if (CleanImage == nullptr) {
         ++MemoryShortfalls;
         return;  // the buffer stays the caller's
@@ -100,12 +98,10 @@ int CFileRecord::BuildAttributeTable() {
         if ((type & kAttributeTypeCheckMask) != 0) return 0;
         // A header must fit in its attribute before anything reads it.
         if (length < kResidentHeaderSize) return 0;
-        if (ReadU8(Image, place + kAttributeNonResidentOffset) != 0 &&
-            length < kNonResidentHeaderSize) {
+        if (ReadU8(Image, place + kAttributeNonResidentOffset) != 0 && length < kNonResidentHeaderSize) {
             return 0;
         }
-        auto* attribute =
-            new (std::nothrow) CAttribute(Image + place, this, static_cast<int>(length));
+        auto* attribute = new (std::nothrow) CAttribute(Image + place, this, static_cast<int>(length));
         if (attribute == nullptr || Attributes.InsertAfter(Attributes.GetCount(), attribute) == -2) {
             delete attribute;
             ++MemoryShortfalls;
@@ -137,8 +133,7 @@ int CFileRecord::Commit() {
 
 int CFileRecord::GetFreeSpace() {
     if (!Valid) return 0;
-    const int64_t free =
-        int64_t{ReadU32(Image, kFileAllocatedSizeOffset)} - ReadU32(Image, kFileBytesInUseOffset);
+    const int64_t free = int64_t{ReadU32(Image, kFileAllocatedSizeOffset)} - ReadU32(Image, kFileBytesInUseOffset);
     if (free > INT32_MAX) return INT32_MAX;
     if (free < INT32_MIN) return INT32_MIN;
     return static_cast<int>(free);
@@ -154,11 +149,12 @@ int CFileRecord::GetGrowthRoom() {
 void CFileRecord::ShiftEndMarker(int delta) {
     EndMarker += delta;
     WriteU32(EndMarker, 0, kAttributeEndMarker);
-    WriteU32(Image, kFileBytesInUseOffset,
-             ReadU32(Image, kFileBytesInUseOffset) + static_cast<uint32_t>(delta));
+    WriteU32(Image, kFileBytesInUseOffset, ReadU32(Image, kFileBytesInUseOffset) + static_cast<uint32_t>(delta));
 }
 
-int CFileRecord::GetAttributeIndex(CAttribute* attribute) { return Attributes.IndexOf(attribute); }
+int CFileRecord::GetAttributeIndex(CAttribute* attribute) {
+    return Attributes.IndexOf(attribute);
+}
 
 CAttribute* CFileRecord::FindAttribute(uint32_t type, const char16_t* name, unsigned int nameLength,
                                        unsigned int index) {
@@ -171,8 +167,7 @@ CAttribute* CFileRecord::FindAttribute(uint32_t type, const char16_t* name, unsi
         if (nameLength != 0) {
             if (!attribute->NameFits()) continue;
             unsigned int unit = 0;
-            while (unit < nameLength &&
-                   attribute->GetNameUnit(static_cast<int>(unit)) == name[unit]) {
+            while (unit < nameLength && attribute->GetNameUnit(static_cast<int>(unit)) == name[unit]) {
                 ++unit;
             }
             if (unit != nameLength) continue;
@@ -209,8 +204,7 @@ CAttribute* CFileRecord::InsertAttribute(CAttribute* attribute) {
     uint8_t* target = EndMarker;
     const int count = Attributes.GetCount();
     if (position < count) {
-        for (int i = count - 1; i >= position; --i)
-            Attributes.At<CAttribute>(i)->MoveAttribute(size);
+        for (int i = count - 1; i >= position; --i) Attributes.At<CAttribute>(i)->MoveAttribute(size);
         target = Attributes.At<CAttribute>(position)->Header - size;
     }
     int bytes = ReadI32(attribute->Header, kAttributeLengthOffset);

@@ -36,8 +36,7 @@ public:
     // After a failed magic or update sequence check only IsValid and the
     // destructor may be used. `volume` may be null for a record that is never
     // written; the record size is then the library's one size.
-    CFileRecord(int64_t recordNumber, _FILE_RECORD_HEADER* buffer, CFullFileRecord* owner,
-                CNTFSVolume* volume);
+    CFileRecord(int64_t recordNumber, _FILE_RECORD_HEADER* buffer, CFullFileRecord* owner, CNTFSVolume* volume);
     ~CFileRecord() override;
 
     int Revert() override;
@@ -51,8 +50,7 @@ public:
     // `index`-th of those that match, searched in AttributeTable. Names are
     // compared unit by unit, without folding case. Null when not valid or
     // nothing matches. The pointer lives until the next rebuild of the table.
-    CAttribute* FindAttribute(uint32_t type, const char16_t* name, unsigned int nameLength,
-                              unsigned int index);
+    CAttribute* FindAttribute(uint32_t type, const char16_t* name, unsigned int nameLength, unsigned int index);
 
     // Where `attribute` belongs in Attributes: in front of the first attribute
     // of a greater type, or of the same type with a greater name. `*position`
@@ -90,8 +88,7 @@ public:
     // attribute list, record number from `*reference` (an int64_t). Returns 1,
     // or 0 without changing anything when the record is in use or the sizes
     // cannot describe a record.
-    static int InitializeFileRecord(_FILE_RECORD_HEADER* header, int recordSize, int sectorSize,
-                                    const void* reference);
+    static int InitializeFileRecord(_FILE_RECORD_HEADER* header, int recordSize, int sectorSize, const void* reference);
 
     // Rebuilds Attributes by walking the working copy. Returns 1, or 0 when an
     // attribute is damaged (zero length, past bytes in use or the buffer, too

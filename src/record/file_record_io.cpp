@@ -32,8 +32,8 @@ unsigned int CNTFSVolume::ReadFileRecord(int64_t* number, void* buffer) {
     int64_t offset = static_cast<int64_t>(recordSize) * *number;
     uint32_t read = 0;
     mft->LockShared();
-    const unsigned int code = mft->ReadAttribute(AttributeData, nullptr, 0, &offset,
-                                                 static_cast<uint32_t>(recordSize), buffer, &read);
+    const unsigned int code =
+        mft->ReadAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(recordSize), buffer, &read);
     mft->UnlockShared();
     return code;
 }
@@ -55,8 +55,8 @@ unsigned int CNTFSVolume::WriteFileRecord(int64_t* number, void* buffer) {
         // has the mirror to itself already.
         const bool held = IsMirrorImage(MftMirror, buffer);
         if (!held) MftMirror->LockExclusive();
-        code = MftMirror->WriteAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(recordSize),
-                                         buffer, &written);
+        code = MftMirror->WriteAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(recordSize), buffer,
+                                         &written);
         if (!held) MftMirror->UnlockExclusive();
         LastError = code;
     }

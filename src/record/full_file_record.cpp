@@ -50,9 +50,13 @@ void AppendAttributes(CPointerArray* target, const CPointerArray& source) {
 
 }  // namespace
 
-void MarkFullFileRecordModified(CFullFileRecord* owner) { owner->MarkModified(); }
+void MarkFullFileRecordModified(CFullFileRecord* owner) {
+    owner->MarkModified();
+}
 
-void RebuildFullFileRecordTable(CFullFileRecord* owner) { owner->RebuildMergedTable(); }
+void RebuildFullFileRecordTable(CFullFileRecord* owner) {
+    owner->RebuildMergedTable();
+}
 
 CFullFileRecord::CFullFileRecord(int64_t recordNumber, void* buffer, CNTFSVolume* volume)
     : CShareElement(&volume->FileRecords),
@@ -183,8 +187,8 @@ unsigned int CFullFileRecord::LoadExtensionRecords() {
             result = code;
             break;
         }
-        auto* extension = new (std::nothrow)
-            CFileRecord(number, static_cast<_FILE_RECORD_HEADER*>(buffer), this, volume);
+        auto* extension =
+            new (std::nothrow) CFileRecord(number, static_cast<_FILE_RECORD_HEADER*>(buffer), this, volume);
         if (extension == nullptr) {
             LogMessage("Allocate memory for extend FileRecord fail.\n");
             std::free(buffer);
@@ -211,7 +215,9 @@ unsigned int CFullFileRecord::LoadExtensionRecords() {
     return result;
 }
 
-void CFullFileRecord::SortMergedTable() { MergedAttributes.StableSort(&MergedOrderLess); }
+void CFullFileRecord::SortMergedTable() {
+    MergedAttributes.StableSort(&MergedOrderLess);
+}
 
 void CFullFileRecord::RebuildMergedTable() {
     MergedAttributes.Clear();
@@ -243,8 +249,7 @@ void CFullFileRecord::ClearModified() {
     CFileRecord::Modified = 0;
 }
 
-int64_t CFullFileRecord::GetAttributeDataSize(uint32_t type, const char16_t* name,
-                                              uint32_t nameLength) {
+int64_t CFullFileRecord::GetAttributeDataSize(uint32_t type, const char16_t* name, uint32_t nameLength) {
     CAttribute* attribute = FindAttribute(type, name, nameLength, 0);
     return attribute != nullptr ? attribute->GetDataSize() : 0;
 }

@@ -75,16 +75,14 @@ public:
     // units expanded), with no regard to the data size: bounding the read is
     // the caller's business. A count of 0 on a non-resident attribute returns
     // its flags word (0 for plain data).
-    [[nodiscard]] unsigned int ReadAttribute(uint32_t type, const char16_t* name, uint32_t nameLength,
-                                             int64_t* offset, uint32_t count, void* buffer,
-                                             uint32_t* bytesRead);
+    [[nodiscard]] unsigned int ReadAttribute(uint32_t type, const char16_t* name, uint32_t nameLength, int64_t* offset,
+                                             uint32_t count, void* buffer, uint32_t* bytesRead);
     // Reads the stored clusters of one compression unit at the cursor and
     // moves it past them; `*compressed` tells whether the unit holds a
     // compressed stream (its first run ends inside it and some, but not all,
     // clusters are real).
-    [[nodiscard]] unsigned int ReadCompressionUnit(_RUN_CURSOR* cursor, uint32_t unitBytes,
-                                                   void* buffer, uint32_t* bytesRead,
-                                                   uint32_t* compressed);
+    [[nodiscard]] unsigned int ReadCompressionUnit(_RUN_CURSOR* cursor, uint32_t unitBytes, void* buffer,
+                                                   uint32_t* bytesRead, uint32_t* compressed);
     // Brings the cursor to the run that holds its Vcn, moving across pieces.
     // 0, or ERROR_BEYOND_END_OF_VALUE.
     [[nodiscard]] unsigned int AdvanceRunCursor(_RUN_CURSOR* cursor);
@@ -93,12 +91,10 @@ public:
     // `*offset`. Sizes are not changed and nothing is extended: a write
     // beyond the run list fails. Resident writes stay in memory until the
     // record is written.
-    [[nodiscard]] unsigned int WriteAttribute(uint32_t type, const char16_t* name,
-                                              uint32_t nameLength, int64_t* offset, uint32_t count,
-                                              const void* buffer, uint32_t* bytesWritten);
-    [[nodiscard]] unsigned int WritePlainAttribute(uint32_t type, const char16_t* name,
-                                                   uint32_t nameLength, int64_t* offset,
-                                                   uint32_t count, const void* buffer,
+    [[nodiscard]] unsigned int WriteAttribute(uint32_t type, const char16_t* name, uint32_t nameLength, int64_t* offset,
+                                              uint32_t count, const void* buffer, uint32_t* bytesWritten);
+    [[nodiscard]] unsigned int WritePlainAttribute(uint32_t type, const char16_t* name, uint32_t nameLength,
+                                                   int64_t* offset, uint32_t count, const void* buffer,
                                                    uint32_t* bytesWritten);
 
     // The data size of attribute (type, name), piece 0: data size field or
@@ -158,9 +154,9 @@ protected:
     void SortMergedTable();
     // ReadCompressionUnit that also hands out the device's code when a sector
     // read failed (the unit itself then just comes back short).
-    [[nodiscard]] unsigned int ReadUnitReportingDevice(_RUN_CURSOR* cursor, uint32_t unitBytes,
-                                                       void* buffer, uint32_t* bytesRead,
-                                                       uint32_t* compressed, unsigned int* deviceCode);
+    [[nodiscard]] unsigned int ReadUnitReportingDevice(_RUN_CURSOR* cursor, uint32_t unitBytes, void* buffer,
+                                                       uint32_t* bytesRead, uint32_t* compressed,
+                                                       unsigned int* deviceCode);
     // Fills a cursor for piece 0 of a non-resident attribute.
     void InitializeRunCursor(CAttribute* attribute, _RUN_CURSOR* cursor);
     // Points the cursor at the first mapping pair of `piece`.

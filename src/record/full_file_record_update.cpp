@@ -28,8 +28,7 @@ int64_t LoadTime(CAttribute* attribute, int valueOffset) {
 // Stamps the change time (and the given access and write times) into
 // $STANDARD_INFORMATION and every $FILE_NAME; returns the time found at value
 // offset 24 of the last attribute visited.
-int64_t StampTimes(CFullFileRecord* record, int64_t now, const int64_t* accessTime,
-                   const int64_t* writeTime) {
+int64_t StampTimes(CFullFileRecord* record, int64_t now, const int64_t* accessTime, const int64_t* writeTime) {
     int64_t last = 0;
     if (CAttribute* standard = record->FindAttribute(AttributeStandardInformation, nullptr, 0, 0)) {
         StoreValue64(standard, kStandardChangeTimeOffset, now);

@@ -11,8 +11,7 @@ int SignedFieldBytes(int64_t value) {
     int bytes = 1;
     while (bytes < kMaxFieldBytes) {
         const int shift = 8 * bytes;
-        const int64_t low =
-            static_cast<int64_t>(static_cast<uint64_t>(value) << (64 - shift)) >> (64 - shift);
+        const int64_t low = static_cast<int64_t>(static_cast<uint64_t>(value) << (64 - shift)) >> (64 - shift);
         if (low == value) break;
         ++bytes;
     }
@@ -70,12 +69,10 @@ int EncodeDataRun(int64_t length, int64_t delta, uint8_t* buffer) {
     const int offsetBytes = SignedFieldBytes(delta);
 
     int at = 1;
-    for (int i = 0; i < lengthBytes; ++i)
-        buffer[at++] = static_cast<uint8_t>(lengthValue >> (8 * i));
+    for (int i = 0; i < lengthBytes; ++i) buffer[at++] = static_cast<uint8_t>(lengthValue >> (8 * i));
     if (padded) buffer[at++] = 0;
     const uint64_t deltaValue = static_cast<uint64_t>(delta);
-    for (int i = 0; i < offsetBytes; ++i)
-        buffer[at++] = static_cast<uint8_t>(deltaValue >> (8 * i));
+    for (int i = 0; i < offsetBytes; ++i) buffer[at++] = static_cast<uint8_t>(deltaValue >> (8 * i));
     buffer[0] = static_cast<uint8_t>((offsetBytes << 4) | (lengthFieldBytes & 0x0F));
     buffer[at++] = 0;
     return at;

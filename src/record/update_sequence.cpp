@@ -26,7 +26,9 @@ bool LocateUpdateSequence(const uint8_t* image, int recordSize, int* offset, int
            *offset + 2 * *count <= recordSize;
 }
 
-size_t StretchEnd(int stretch) { return static_cast<size_t>(stretch) * kUpdateSequenceStride - 2; }
+size_t StretchEnd(int stretch) {
+    return static_cast<size_t>(stretch) * kUpdateSequenceStride - 2;
+}
 
 }  // namespace
 
@@ -56,15 +58,13 @@ void ProtectUpdateSequence(uint8_t* image, int recordSize) {
 int CFileRecord::InitializeFileRecord(_FILE_RECORD_HEADER* header, int recordSize, int sectorSize,
                                       const void* reference) {
     auto* image = reinterpret_cast<uint8_t*>(header);
-    if (image == nullptr || reference == nullptr || sectorSize <= 0 ||
-        recordSize < kFileUpdateSequenceArrayOffset) {
+    if (image == nullptr || reference == nullptr || sectorSize <= 0 || recordSize < kFileUpdateSequenceArrayOffset) {
         return 0;
     }
     if ((ReadU16(image, kFileFlagsOffset) & kFileRecordInUse) != 0) return 0;
     const int count = recordSize / sectorSize + 1;
     const int firstAttribute = (count * 2 + 57) & 0xFFF8;
-    if (kFileUpdateSequenceArrayOffset + 2 * count > recordSize ||
-        firstAttribute + 8 > recordSize) {
+    if (kFileUpdateSequenceArrayOffset + 2 * count > recordSize || firstAttribute + 8 > recordSize) {
         return 0;
     }
 
@@ -92,8 +92,7 @@ int CFileRecord::InitializeFileRecord(_FILE_RECORD_HEADER* header, int recordSiz
     WriteU16(image, kFileRecordNumberHighOffset, static_cast<uint16_t>(bits >> 32));
     WriteU32(image, kFileRecordNumberLowOffset, static_cast<uint32_t>(bits));
 
-    uint16_t updateNumber =
-        static_cast<uint16_t>(ReadU16(image, kFileUpdateSequenceArrayOffset) + 1);
+    uint16_t updateNumber = static_cast<uint16_t>(ReadU16(image, kFileUpdateSequenceArrayOffset) + 1);
     if (updateNumber == 0) updateNumber = 1;
     WriteU16(image, kFileUpdateSequenceArrayOffset, updateNumber);
     WriteU32(image, static_cast<size_t>(firstAttribute), kAttributeEndMarker);

@@ -29,20 +29,18 @@ int RecordSizeFromField(uint32_t field, int clusterBytes) {
 int CNTFSVolume::InitializeGeometryData() {
     const int sectorSize = GetSectorSize();
     const int clusterBytes = GetClusterSectors() * sectorSize;
-    const int fileRecordSize =
-        RecordSizeFromField(ReadU32(BootSector, kBootFileRecordSizeOffset), clusterBytes);
+    const int fileRecordSize = RecordSizeFromField(ReadU32(BootSector, kBootFileRecordSizeOffset), clusterBytes);
     WriteU32(BootSector, kBootFileRecordSizeOffset, static_cast<uint32_t>(fileRecordSize));
     FileRecordSectors = fileRecordSize / sectorSize;
-    const int indexRecordSize =
-        RecordSizeFromField(ReadU32(BootSector, kBootIndexRecordSizeOffset), clusterBytes);
+    const int indexRecordSize = RecordSizeFromField(ReadU32(BootSector, kBootIndexRecordSizeOffset), clusterBytes);
     WriteU32(BootSector, kBootIndexRecordSizeOffset, static_cast<uint32_t>(indexRecordSize));
     IndexRecordSectors = indexRecordSize / sectorSize;
     ClusterSize = clusterBytes;
     VirtualClusterSize = ClusterSize > indexRecordSize ? sectorSize : ClusterSize;
 
-    if (ClusterSize % sectorSize != 0 || indexRecordSize % sectorSize != 0 ||
-        fileRecordSize % sectorSize != 0 || indexRecordSize == 0 || fileRecordSize == 0 ||
-        indexRecordSize != kIndexRecordSize || fileRecordSize != kFileRecordSize) {
+    if (ClusterSize % sectorSize != 0 || indexRecordSize % sectorSize != 0 || fileRecordSize % sectorSize != 0 ||
+        indexRecordSize == 0 || fileRecordSize == 0 || indexRecordSize != kIndexRecordSize ||
+        fileRecordSize != kFileRecordSize) {
         LastError = ERROR_UNRECOGNIZED_VOLUME;
         return 0;
     }

@@ -14,7 +14,7 @@ struct _FIND_FILE_DATA {
     uint32_t LastWriteTime[2];   // low, high
     uint32_t FileSizeHigh;
     uint32_t FileSizeLow;
-    int64_t FileRecordNumber;    // -1 when the record object is not valid
+    int64_t FileRecordNumber;  // -1 when the record object is not valid
     char16_t FileName[512];
     char16_t AlternateFileName[28];
 };

@@ -54,8 +54,8 @@ int CNTFSVolume::InitializeMFT(_FILE_RECORD_HEADER* header) {
     // The run list of record 0 must lead back to record 0 itself.
     int64_t offset = 0;
     uint32_t read = 0;
-    const unsigned int code = mft->ReadAttribute(AttributeData, nullptr, 0, &offset,
-                                                 static_cast<uint32_t>(recordSize), copy, &read);
+    const unsigned int code =
+        mft->ReadAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(recordSize), copy, &read);
     if (code != ERROR_SUCCESS) {
         LastError = code;
         std::free(copy);
@@ -76,12 +76,11 @@ int CNTFSVolume::InitializeMFT(_FILE_RECORD_HEADER* header) {
     // Re-find the attribute: nothing changed the table, but the pointer is
     // only promised until the next rebuild.
     data = mft->FindAttribute(AttributeData, nullptr, 0, 0);
-    const int64_t initialized =
-        data->IsResident() ? 0 : ReadI64(data->Header, kNonResidentInitializedSizeOffset);
+    const int64_t initialized = data->IsResident() ? 0 : ReadI64(data->Header, kNonResidentInitializedSizeOffset);
     // A bitmap left by a first try that failed after this point is replaced.
     delete MftBitmap;
-    MftBitmap = new (std::nothrow) CFileRecordBitmap(this, mft, ClusterSize, FileRecordSectors,
-                                                     recordSize, initialized / recordSize);
+    MftBitmap = new (std::nothrow)
+        CFileRecordBitmap(this, mft, ClusterSize, FileRecordSectors, recordSize, initialized / recordSize);
     if (MftBitmap == nullptr) {
         LastError = ERROR_NOT_ENOUGH_MEMORY;
         return 0;
@@ -119,13 +118,12 @@ int CNTFSVolume::Mount() {
     }
     const int64_t sectors = ReadI64(BootSector, kBootTotalSectorsOffset);
     LogMessage("\nNTFS volume information:\n   Sectors in volume   %08X%08XH.\n",
-               static_cast<unsigned int>(static_cast<uint64_t>(sectors) >> 32),
-               static_cast<unsigned int>(sectors));
-    LogMessage("   Bytes per Sector    %02XH.\n   Sectors per Cluster %XH.\n   FileRecord Size     "
-               "%04XH. IndexRecord size    %04XH.\n",
-               static_cast<unsigned int>(GetSectorSize()), static_cast<unsigned int>(GetClusterSectors()),
-               static_cast<unsigned int>(GetFileRecordSize()),
-               static_cast<unsigned int>(GetIndexRecordSize()));
+               static_cast<unsigned int>(static_cast<uint64_t>(sectors) >> 32), static_cast<unsigned int>(sectors));
+    LogMessage(
+        "   Bytes per Sector    %02XH.\n   Sectors per Cluster %XH.\n   FileRecord Size     "
+        "%04XH. IndexRecord size    %04XH.\n",
+        static_cast<unsigned int>(GetSectorSize()), static_cast<unsigned int>(GetClusterSectors()),
+        static_cast<unsigned int>(GetFileRecordSize()), static_cast<unsigned int>(GetIndexRecordSize()));
 
     // An invalid mirror record keeps its reference: MftMirror holds it.
     if (!ReferenceSystemRecord(kMftMirrorRecord, &MftMirror, false)) return 0;
@@ -151,8 +149,7 @@ int CNTFSVolume::Mount() {
     CFullFileRecord* bitmapRecord = nullptr;
     if (!ReferenceSystemRecord(kBitmapRecord, &bitmapRecord)) return 0;
     const int clusterSectors = GetClusterSectors();
-    auto* clusterBitmap =
-        new (std::nothrow) CClusterBitmap(this, bitmapRecord, ClusterSize, sectors / clusterSectors);
+    auto* clusterBitmap = new (std::nothrow) CClusterBitmap(this, bitmapRecord, ClusterSize, sectors / clusterSectors);
     if (clusterBitmap == nullptr) {
         bitmapRecord->Release();
         LastError = ERROR_NOT_ENOUGH_MEMORY;

@@ -52,13 +52,21 @@ CNTFSVolume::~CNTFSVolume() {
     while (CChainElement* record = FileRecords.GetElement(0)) delete record;
 }
 
-int CNTFSVolume::GetSectorSize() { return ReadI16(BootSector, kBootBytesPerSectorOffset); }
+int CNTFSVolume::GetSectorSize() {
+    return ReadI16(BootSector, kBootBytesPerSectorOffset);
+}
 
-int CNTFSVolume::GetClusterSectors() const { return ReadU8(BootSector, kBootSectorsPerClusterOffset); }
+int CNTFSVolume::GetClusterSectors() const {
+    return ReadU8(BootSector, kBootSectorsPerClusterOffset);
+}
 
-int CNTFSVolume::GetFileRecordSize() const { return ReadI32(BootSector, kBootFileRecordSizeOffset); }
+int CNTFSVolume::GetFileRecordSize() const {
+    return ReadI32(BootSector, kBootFileRecordSizeOffset);
+}
 
-int CNTFSVolume::GetIndexRecordSize() const { return ReadI32(BootSector, kBootIndexRecordSizeOffset); }
+int CNTFSVolume::GetIndexRecordSize() const {
+    return ReadI32(BootSector, kBootIndexRecordSizeOffset);
+}
 
 void CNTFSVolume::GetVolumeSectorNumber(int64_t* out) const {
     *out = ReadI64(BootSector, kBootTotalSectorsOffset);

@@ -106,8 +106,7 @@ public:
     int WriteFile(void* handle, const void* buffer, int size, int* done) override;
     int CloseFileHandle(void* handle) override;
     int RenameFile(const char16_t* from, const char16_t* to) override;
-    unsigned int SetFilePointer(void* handle, unsigned int* low, int* high,
-                                unsigned int method) override;
+    unsigned int SetFilePointer(void* handle, unsigned int* low, int* high, unsigned int method) override;
     int CreateDirectoryA(const char16_t* path, unsigned int attributes) override;
     int RemoveDirectoryA(const char16_t* path) override;
     // 16-bit bytes-per-sector field of the boot image, sign-extended.
@@ -145,14 +144,13 @@ public:
     // Shared, cached access to file records and directories: 0 and one
     // reference (give it back with Release), or a failure code.
     [[nodiscard]] unsigned int ReferenceFileRecord(int64_t number, CFullFileRecord** record);
-    [[nodiscard]] unsigned int ReferenceDirectory(int64_t number, const char16_t* path,
-                                                  CDirectory** directory);
+    [[nodiscard]] unsigned int ReferenceDirectory(int64_t number, const char16_t* path, CDirectory** directory);
 
     // Clusters and records.
     [[nodiscard]] unsigned int SearchSpareClusterAndAllocate(int wanted, int64_t* start, int* got,
                                                              int ignoreExclusions);
-    [[nodiscard]] unsigned int SearchSpareClusterAndAllocateWithLeastItemNumber(
-        int wanted, int64_t* start, int* got, int least, int ignoreExclusions);
+    [[nodiscard]] unsigned int SearchSpareClusterAndAllocateWithLeastItemNumber(int wanted, int64_t* start, int* got,
+                                                                                int least, int ignoreExclusions);
     // Frees `count` clusters at `*start`; ERROR_INVALID_PARAMETER, nothing
     // changed, for clusters outside the volume.
     [[nodiscard]] unsigned int FreeClusters(int64_t* start, int count);
@@ -172,8 +170,7 @@ public:
     // and every $FILE_NAME, stores the change time in `*changeTime` (never
     // null), writes the base record, then each modified extension record.
     // Nonzero on success; LastError holds the code.
-    int UpdateFileRecord(CFullFileRecord* record, int64_t* accessTime, int64_t* writeTime,
-                         int64_t* changeTime);
+    int UpdateFileRecord(CFullFileRecord* record, int64_t* accessTime, int64_t* writeTime, int64_t* changeTime);
 
     // The platform's time conversions, unadjusted (NTFS time is UTC).
     void SystemTimeToFileTime(const _SYSTEMTIME* time, _LARGE_INTEGER* result);

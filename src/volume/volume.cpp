@@ -2,8 +2,7 @@
 
 namespace ntfs {
 
-CVolume::CVolume(CStorage* storage)
-    : Mounted(0), Storage(storage), ClusterSize(0), LastError(0) {}
+CVolume::CVolume(CStorage* storage) : Mounted(0), Storage(storage), ClusterSize(0), LastError(0) {}
 
 unsigned int CVolume::ReadSector(void* buffer, int64_t* sector, int count, int* done,
                                  _STORAGE_NOTIFICATION_BLOCK* block) {

@@ -23,11 +23,11 @@
 namespace ntfs {
 
 // Dispositions of CreateFileA (the values of the Win32 call of that name).
-constexpr unsigned int kCreateNew = 1;        // exists: fails with 80; absent: created
-constexpr unsigned int kCreateAlways = 2;     // exists: truncated; absent: created
-constexpr unsigned int kOpenExisting = 3;     // exists: opened; absent: fails with 2
-constexpr unsigned int kOpenAlways = 4;       // exists: opened; absent: created
-constexpr unsigned int kTruncateExisting = 5; // exists: truncated; absent: fails with 2
+constexpr unsigned int kCreateNew = 1;         // exists: fails with 80; absent: created
+constexpr unsigned int kCreateAlways = 2;      // exists: truncated; absent: created
+constexpr unsigned int kOpenExisting = 3;      // exists: opened; absent: fails with 2
+constexpr unsigned int kOpenAlways = 4;        // exists: opened; absent: created
+constexpr unsigned int kTruncateExisting = 5;  // exists: truncated; absent: fails with 2
 
 // Access bits of CreateFileA.
 constexpr unsigned int kAccessRead = 0x01;           // ReadFile allowed
@@ -90,8 +90,8 @@ public:
     // `access` a sum of kAccess* bits. The handle, or null with LastError
     // (87 bad path; 2 absent; 5 sharing; 80 exists; a device code). A
     // truncation reaches the disk before the call returns.
-    virtual void* CreateFileA(const char16_t* path, unsigned int attributes,
-                              unsigned int disposition, unsigned int access) = 0;
+    virtual void* CreateFileA(const char16_t* path, unsigned int attributes, unsigned int disposition,
+                              unsigned int access) = 0;
     // Reads up to `size` bytes at the file pointer into `buffer` and moves
     // the pointer; `*done` gets the count (0 at the end of the file). 1, or 0
     // with LastError (6 unknown handle; 5 no read access; 87 negative size).
@@ -115,8 +115,7 @@ public:
     // kFileBegin, kFileCurrent or kFileEnd, and stores the new position back
     // in `*low` and `*high`. Returns the failure code itself (0 on success;
     // 6; 87 bad method); the pointer never goes past the end of the file.
-    virtual unsigned int SetFilePointer(void* handle, unsigned int* low, int* high,
-                                        unsigned int method) = 0;
+    virtual unsigned int SetFilePointer(void* handle, unsigned int* low, int* high, unsigned int method) = 0;
     // Makes the directory `path` in an existing parent. 1, or 0 with
     // LastError (80 exists; 2 no parent).
     virtual int CreateDirectoryA(const char16_t* path, unsigned int attributes) = 0;

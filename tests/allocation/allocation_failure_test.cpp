@@ -54,7 +54,9 @@ bool FailThisAllocation() {
     return true;
 }
 
-void* Allocate(std::size_t size) { return std::malloc(size != 0 ? size : 1); }
+void* Allocate(std::size_t size) {
+    return std::malloc(size != 0 ? size : 1);
+}
 
 }  // namespace
 
@@ -69,17 +71,33 @@ void* operator new(std::size_t size) {
     if (block == nullptr) throw std::bad_alloc();
     return block;
 }
-void* operator new[](std::size_t size) { return ::operator new(size); }
+void* operator new[](std::size_t size) {
+    return ::operator new(size);
+}
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return FailThisAllocation() ? nullptr : Allocate(size);
 }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return ::operator new(size, std::nothrow); }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete[](void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
-void operator delete(void* block, const std::nothrow_t&) noexcept { std::free(block); }
-void operator delete[](void* block, const std::nothrow_t&) noexcept { std::free(block); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    return ::operator new(size, std::nothrow);
+}
+void operator delete(void* block) noexcept {
+    std::free(block);
+}
+void operator delete[](void* block) noexcept {
+    std::free(block);
+}
+void operator delete(void* block, std::size_t) noexcept {
+    std::free(block);
+}
+void operator delete[](void* block, std::size_t) noexcept {
+    std::free(block);
+}
+void operator delete(void* block, const std::nothrow_t&) noexcept {
+    std::free(block);
+}
+void operator delete[](void* block, const std::nothrow_t&) noexcept {
+    std::free(block);
+}
 
 namespace ntfs {
 namespace {
@@ -200,25 +218,27 @@ unsigned int OpenWriteClose(CNTFSVolume* volume, const char16_t* path, const std
 }
 
 void WriteThatLeavesTheRecord(const char* fixture, const char16_t* path, unsigned int unfailed) {
-    EachAllocationFails([&](long failAt) {
-        FreshVolume fresh(fixture);
-        EXPECT_TRUE(fresh.Mounted());
-        CNTFSVolume* volume = fresh.Volume();
-        const std::vector<uint8_t> data(3000, 0x6B);
-        const Outcome outcome = RunArmed(failAt, [&] { return OpenWriteClose(volume, path, data); });
-        if (outcome.Threw) return outcome;
-        // The volume still works: the file opens and reads to its end.
-        void* handle = volume->CreateFileA(path, 0, kOpenExisting, kReadWriteShared);
-        EXPECT_NE(handle, nullptr) << volume->GetLastError();
-        if (handle != nullptr) {
-            std::vector<uint8_t> buffer(8192);
-            int done = 0;
-            EXPECT_EQ(volume->ReadFile(handle, buffer.data(), 8192, &done), 1) << volume->GetLastError();
-            EXPECT_EQ(volume->CloseFileHandle(handle), 1) << volume->GetLastError();
-        }
-        EXPECT_EQ(volume->Umount(), 1);
-        return outcome;
-    }, unfailed);
+    EachAllocationFails(
+        [&](long failAt) {
+            FreshVolume fresh(fixture);
+            EXPECT_TRUE(fresh.Mounted());
+            CNTFSVolume* volume = fresh.Volume();
+            const std::vector<uint8_t> data(3000, 0x6B);
+            const Outcome outcome = RunArmed(failAt, [&] { return OpenWriteClose(volume, path, data); });
+            if (outcome.Threw) return outcome;
+            // The volume still works: the file opens and reads to its end.
+            void* handle = volume->CreateFileA(path, 0, kOpenExisting, kReadWriteShared);
+            EXPECT_NE(handle, nullptr) << volume->GetLastError();
+            if (handle != nullptr) {
+                std::vector<uint8_t> buffer(8192);
+                int done = 0;
+                EXPECT_EQ(volume->ReadFile(handle, buffer.data(), 8192, &done), 1) << volume->GetLastError();
+                EXPECT_EQ(volume->CloseFileHandle(handle), 1) << volume->GetLastError();
+            }
+            EXPECT_EQ(volume->Umount(), 1);
+            return outcome;
+        },
+        unfailed);
 }
 
 TEST(AllocationFailure, OpenAndWriteThatLeavesThePlainRecord) {
@@ -244,8 +264,8 @@ TEST(AllocationFailure, OpenAndReadOfAFileWithExtensionRecords) {
             void* handle = volume->CreateFileA(path, 0, kOpenExisting, kReadWriteShared);
             if (handle == nullptr) return volume->GetLastError();
             int done = 0;
-            unsigned int code = volume->ReadFile(handle, buffer.data(), 65536, &done) ? ERROR_SUCCESS
-                                                                                     : volume->GetLastError();
+            unsigned int code =
+                volume->ReadFile(handle, buffer.data(), 65536, &done) ? ERROR_SUCCESS : volume->GetLastError();
             if (!volume->CloseFileHandle(handle) && code == ERROR_SUCCESS) code = volume->GetLastError();
             return code;
         });
@@ -286,8 +306,7 @@ class ScratchDirectory {
 public:
     ScratchDirectory() : fresh("c4k") {
         ready = fresh.Mounted() &&
-                fresh.Volume()->ReferenceDirectory(kEmptyDirectoryRecord, u"\\EmptyDir", &directory) ==
-                    ERROR_SUCCESS;
+                fresh.Volume()->ReferenceDirectory(kEmptyDirectoryRecord, u"\\EmptyDir", &directory) == ERROR_SUCCESS;
         if (ready) directory->LockExclusive();
     }
     ~ScratchDirectory() {

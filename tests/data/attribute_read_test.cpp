@@ -9,14 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "foundation/endian.h"
 #include "foundation/log.h"
 #include "record/full_file_record.h"
 #include "record/layout.h"
+#include "record/run_list.h"
 #include "support/fixture.h"
 #include "support/mounted_volume.h"
 #include "support/tools.h"
-#include "foundation/endian.h"
-#include "record/run_list.h"
 
 namespace ntfs {
 namespace {
@@ -63,8 +63,7 @@ TEST(AttributeRead, EveryManifestFileMatches) {
             CFullFileRecord* record = nullptr;
             ASSERT_EQ(mounted.Volume()->ReferenceFileRecord(entry.record, &record), ERROR_SUCCESS);
             record->LockShared();
-            EXPECT_EQ(record->GetAttributeDataSize(AttributeData, nullptr, 0),
-                      static_cast<int64_t>(entry.size));
+            EXPECT_EQ(record->GetAttributeDataSize(AttributeData, nullptr, 0), static_cast<int64_t>(entry.size));
             const std::vector<uint8_t> whole = ReadData(record, 1u << 30);
             if (entry.sparse) {
                 // Checked against the documented hole over-fill below.
@@ -126,9 +125,8 @@ TEST(AttributeRead, SparseFilesReadAsIndependentReaderSaysExceptOverFill) {
         for (const ManifestEntry& entry : LoadManifest(name)) {
             if (!entry.sparse || entry.compressed) continue;
             SCOPED_TRACE(name + " " + entry.path_utf8);
-            const test::ToolResult cat = test::RunTool(
-                "ntfscat -i " + std::to_string(entry.record) + " " + test::ShellQuote(test::FixturePath(name)) +
-                " 2>/dev/null");
+            const test::ToolResult cat = test::RunTool("ntfscat -i " + std::to_string(entry.record) + " " +
+                                                       test::ShellQuote(test::FixturePath(name)) + " 2>/dev/null");
             ASSERT_EQ(cat.status, 0);
             std::vector<uint8_t> expected(cat.output.begin(), cat.output.end());
             ASSERT_EQ(test::Sha256Hex(expected.data(), expected.size()), entry.sha256);
@@ -180,10 +178,8 @@ TEST(AttributeRead, QuirksOfTheReadPath) {
     EXPECT_EQ(record->ReadAttribute(AttributeData, nullptr, 0, &offset, 4, buffer, &read), ERROR_SUCCESS);
     EXPECT_EQ(read, 0u);
     offset += 1;
-    EXPECT_EQ(record->ReadAttribute(AttributeData, nullptr, 0, &offset, 4, buffer, &read),
-              ERROR_BEYOND_END_OF_VALUE);
-    EXPECT_EQ(record->ReadAttribute(AttributeIndexRoot, nullptr, 0, &offset, 4, buffer, &read),
-              ERROR_FILE_CORRUPT);
+    EXPECT_EQ(record->ReadAttribute(AttributeData, nullptr, 0, &offset, 4, buffer, &read), ERROR_BEYOND_END_OF_VALUE);
+    EXPECT_EQ(record->ReadAttribute(AttributeIndexRoot, nullptr, 0, &offset, 4, buffer, &read), ERROR_FILE_CORRUPT);
     record->Release();
 
     // A count of 0 answers the flags word: 0 for plain data, the compression
@@ -195,8 +191,7 @@ TEST(AttributeRead, QuirksOfTheReadPath) {
     const int64_t allocated = (static_cast<int64_t>(plain->size) + 4095) / 4096 * 4096;
     std::vector<uint8_t> tail(8192);
     offset = allocated - 4096;
-    EXPECT_EQ(record->ReadAttribute(AttributeData, nullptr, 0, &offset, 8192, tail.data(), &read),
-              ERROR_FILE_CORRUPT);
+    EXPECT_EQ(record->ReadAttribute(AttributeData, nullptr, 0, &offset, 8192, tail.data(), &read), ERROR_FILE_CORRUPT);
     EXPECT_EQ(read, 4096u);
     record->Release();
 

@@ -35,8 +35,8 @@ std::vector<uint8_t> Pattern(size_t size, uint8_t seed) {
 }
 
 std::string Cat(const std::string& image, int64_t record) {
-    const test::ToolResult result = test::RunTool("ntfscat -i " + std::to_string(record) + " " +
-                                                  test::ShellQuote(image) + " 2>/dev/null");
+    const test::ToolResult result =
+        test::RunTool("ntfscat -i " + std::to_string(record) + " " + test::ShellQuote(image) + " 2>/dev/null");
     EXPECT_EQ(result.status, 0);
     return result.output;
 }
@@ -63,8 +63,8 @@ unsigned int WriteAt(CNTFSVolume* volume, int64_t number, int64_t offset, const 
     if (code != ERROR_SUCCESS) return code;
     record->LockExclusive();
     uint32_t written = 0;
-    code = record->WriteAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(data.size()),
-                                  data.data(), &written);
+    code = record->WriteAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(data.size()), data.data(),
+                                  &written);
     if (code == ERROR_SUCCESS && written != data.size()) code = ERROR_INTERNAL_ERROR;
     if (code == ERROR_SUCCESS && record->IsModified()) {
         int64_t changed = 0;
@@ -134,9 +134,8 @@ TEST(AttributeWrite, InPlaceWritesSeenByIndependentReaders) {
 
 TEST(AttributeWrite, AcrossExtensionRecordPieces) {
     const std::vector<ManifestEntry> manifest = LoadManifest("c512");
-    const ManifestEntry* fragmented = FindEntry(manifest, [](const ManifestEntry& e) {
-        return e.attrlist && !e.sparse && !e.compressed && e.size > 200000;
-    });
+    const ManifestEntry* fragmented = FindEntry(
+        manifest, [](const ManifestEntry& e) { return e.attrlist && !e.sparse && !e.compressed && e.size > 200000; });
     ASSERT_NE(fragmented, nullptr);
     MountedVolume mounted("c512");
     ASSERT_EQ(mounted.Mount(), 1);
@@ -171,9 +170,8 @@ TEST(AttributeWrite, RecordsZeroToThreeAreMirrored) {
 
 TEST(AttributeWrite, DeviceFailuresComeBackUnchanged) {
     const std::vector<ManifestEntry> manifest = LoadManifest("c4k");
-    const ManifestEntry* large = FindEntry(manifest, [](const ManifestEntry& e) {
-        return e.size > 150000 && !e.compressed && !e.sparse;
-    });
+    const ManifestEntry* large =
+        FindEntry(manifest, [](const ManifestEntry& e) { return e.size > 150000 && !e.compressed && !e.sparse; });
     ASSERT_NE(large, nullptr);
     MountedVolume mounted("c4k");
     ASSERT_EQ(mounted.Mount(), 1);
@@ -194,8 +192,7 @@ TEST(AttributeWrite, DeviceFailuresComeBackUnchanged) {
     std::vector<uint8_t> buffer(20000);
     int64_t offset = 0;
     uint32_t read = 0;
-    EXPECT_EQ(record->ReadAttribute(AttributeData, nullptr, 0, &offset, 20000, buffer.data(), &read),
-              ERROR_IO_DEVICE);
+    EXPECT_EQ(record->ReadAttribute(AttributeData, nullptr, 0, &offset, 20000, buffer.data(), &read), ERROR_IO_DEVICE);
     EXPECT_EQ(read, 4096u);
     record->Release();
 }

@@ -132,8 +132,7 @@ TEST_F(ClusterAllocation, RunAcrossUnitBorderAndExhaustion) {
     // 39 instead of searching for ever.
     start = 100;
     ASSERT_EQ(volume->FreeClusters(&start, 3), ERROR_SUCCESS);
-    EXPECT_EQ(volume->SearchSpareClusterAndAllocateWithLeastItemNumber(5, &found, &got, 5, 0),
-              ERROR_HANDLE_DISK_FULL);
+    EXPECT_EQ(volume->SearchSpareClusterAndAllocateWithLeastItemNumber(5, &found, &got, 5, 0), ERROR_HANDLE_DISK_FULL);
     for (int64_t c = 100; c < 103; ++c) EXPECT_FALSE(InUse(bitmap, c)) << c;
     EXPECT_EQ(volume->SearchSpareClusterAndAllocateWithLeastItemNumber(3, &found, &got, 3, 0), ERROR_SUCCESS);
     EXPECT_EQ(found, 100);

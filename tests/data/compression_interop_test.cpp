@@ -59,9 +59,8 @@ TEST(CompressionInterop, NtfscatReadsOurStreams) {
         const uint32_t unitBytes = (1u << ReadU8(data->Header, kNonResidentCompressionUnitOffset)) * clusterSize;
         // Unit 0 is stored as a real run shorter than the unit, then a hole.
         _DATA_RUN first{};
-        ASSERT_EQ(DecodeDataRun(data->Header, ReadU16(data->Header, kNonResidentRunListOffsetOffset),
-                                data->Size, &first),
-                  1);
+        ASSERT_EQ(
+            DecodeDataRun(data->Header, ReadU16(data->Header, kNonResidentRunListOffsetOffset), data->Size, &first), 1);
         ASSERT_GT(first.OffsetBytes, 0);
         ASSERT_LT(first.Length * clusterSize, unitBytes);
         const int64_t lcn = first.Offset;

@@ -35,7 +35,9 @@ Bytes Cat(std::initializer_list<Bytes> parts) {
     for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
     return all;
 }
-Bytes Of(const std::string& text) { return Bytes(text.begin(), text.end()); }
+Bytes Of(const std::string& text) {
+    return Bytes(text.begin(), text.end());
+}
 
 Bytes Random(size_t n, uint32_t seed) {
     std::mt19937 engine(seed);
@@ -87,23 +89,23 @@ struct Result {
 // Compresses into `room` bytes (default: every chunk plain plus the end
 // header) with `workspace`, by default one on the heap of exactly the size
 // the engine asks for.
-Result Compress(uint16_t engine, const Bytes& input, size_t room = SIZE_MAX,
-                void* workspace = nullptr) {
+Result Compress(uint16_t engine, const Bytes& input, size_t room = SIZE_MAX, void* workspace = nullptr) {
     if (room == SIZE_MAX) room = (input.size() + 4095) / 4096 * kLznt1PlainChunkBytes + 2;
     uint32_t workspaceBytes = 0, fragmentBytes = 0;
     EXPECT_EQ(QueryCompressionWorkspace(engine, &workspaceBytes, &fragmentBytes), ERROR_SUCCESS);
     void* own = workspace == nullptr ? std::malloc(workspaceBytes) : nullptr;
     Result r{0, 0, Bytes(room, kFill)};
     uint32_t finalSize = 0;
-    r.Code =
-        CompressBuffer(engine, input.data(), static_cast<uint32_t>(input.size()), r.Output.data(),
-                       static_cast<int32_t>(room), 4096, &finalSize, own ? own : workspace);
+    r.Code = CompressBuffer(engine, input.data(), static_cast<uint32_t>(input.size()), r.Output.data(),
+                            static_cast<int32_t>(room), 4096, &finalSize, own ? own : workspace);
     std::free(own);
     r.FinalSize = finalSize;
     return r;
 }
 
-Bytes Stream(uint16_t engine, const Bytes& input) { return Compress(engine, input).Stream(); }
+Bytes Stream(uint16_t engine, const Bytes& input) {
+    return Compress(engine, input).Stream();
+}
 
 // Expands `stream` (at the buffer level, or as a single chunk body), copied
 // to a buffer of its exact size, into `room` bytes prefilled with kFill and
@@ -114,8 +116,8 @@ Result Expand(const Bytes& stream, size_t room, bool chunk = false) {
     Result r{};
     if (chunk) {
         uint32_t finalSize = 0;
-        r.Code = DecompressChunk(output.data(), output.data() + room, input.data(),
-                                 input.data() + input.size(), &finalSize);
+        r.Code =
+            DecompressChunk(output.data(), output.data() + room, input.data(), input.data() + input.size(), &finalSize);
         r.FinalSize = finalSize;
     } else {
         int32_t finalSize = -7;
@@ -143,8 +145,7 @@ TEST_P(Lznt1RoundTrip, ExpandsToTheInput) {
         EXPECT_EQ(compressed.Code, allZero ? ERROR_BUFFER_ALL_ZEROS : ERROR_SUCCESS);
         // The end header stands behind the stream.
         ASSERT_LE(compressed.FinalSize + 2, static_cast<int64_t>(compressed.Output.size()));
-        EXPECT_EQ(0, compressed.Output[compressed.FinalSize] |
-                         compressed.Output[compressed.FinalSize + 1]);
+        EXPECT_EQ(0, compressed.Output[compressed.FinalSize] | compressed.Output[compressed.FinalSize + 1]);
         const Bytes stream = compressed.Stream();
         Result exact = Expand(stream, input.size());
         EXPECT_EQ(exact.Code, ERROR_SUCCESS);
@@ -158,19 +159,16 @@ TEST_P(Lznt1RoundTrip, ExpandsToTheInput) {
         ASSERT_GE(unit.FinalSize, static_cast<int64_t>(input.size()));
         EXPECT_LE(unit.FinalSize, static_cast<int64_t>((input.size() + 4095) / 4096 * 4096));
         EXPECT_TRUE(std::equal(input.begin(), input.end(), unit.Output.begin()));
-        EXPECT_TRUE(std::all_of(unit.Output.begin() + input.size(),
-                                unit.Output.begin() + unit.FinalSize,
+        EXPECT_TRUE(std::all_of(unit.Output.begin() + input.size(), unit.Output.begin() + unit.FinalSize,
                                 [](uint8_t b) { return !b; }));
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Shapes, Lznt1RoundTrip,
                          ::testing::Combine(::testing::Values(kHashed, kExhaustive),
-                                            ::testing::Values("zeros", "random", "text", "pattern",
-                                                              "mixed")),
+                                            ::testing::Values("zeros", "random", "text", "pattern", "mixed")),
                          [](const auto& info) {
-                             return std::string(std::get<0>(info.param) ? "Exhaustive_"
-                                                                        : "Hashed_") +
+                             return std::string(std::get<0>(info.param) ? "Exhaustive_" : "Hashed_") +
                                     std::get<1>(info.param);
                          });
 
@@ -181,41 +179,34 @@ TEST(CompressionEngines, WorkspacesTablesRatiosAndReuse) {
     ASSERT_EQ(QueryCompressionWorkspace(kHashed, &workspaceBytes, &fragmentBytes), ERROR_SUCCESS);
     EXPECT_EQ(workspaceBytes, 65568u);
     EXPECT_EQ(fragmentBytes, 4096u);
-    ASSERT_EQ(QueryCompressionWorkspace(kExhaustive, &workspaceBytes, &fragmentBytes),
-              ERROR_SUCCESS);
+    ASSERT_EQ(QueryCompressionWorkspace(kExhaustive, &workspaceBytes, &fragmentBytes), ERROR_SUCCESS);
     EXPECT_EQ(workspaceBytes, 32u);
     for (uint16_t engine : {1, 255, 257, 0xFFFF}) {
         workspaceBytes = 77;
-        EXPECT_EQ(QueryCompressionWorkspace(engine, &workspaceBytes, &fragmentBytes),
-                  ERROR_NOT_SUPPORTED);
+        EXPECT_EQ(QueryCompressionWorkspace(engine, &workspaceBytes, &fragmentBytes), ERROR_NOT_SUPPORTED);
         EXPECT_EQ(workspaceBytes, 77u);
         Bytes output(100, kFill);
         uint32_t finalSize = 99;
-        EXPECT_EQ(CompressBuffer(engine, output.data(), 50, output.data(), 100, 4096, &finalSize,
-                                 nullptr),
+        EXPECT_EQ(CompressBuffer(engine, output.data(), 50, output.data(), 100, 4096, &finalSize, nullptr),
                   ERROR_NOT_SUPPORTED);
         EXPECT_EQ(finalSize, 99u);
         EXPECT_EQ(output, Bytes(100, kFill));
     }
     // Format 2 is LZNT1; 0 and 1 have no routines, 3 to 7 refuse.
     for (int f : {0, 1}) {
-        EXPECT_FALSE(CompressBufferRoutines[f] || DecompressBufferRoutines[f] ||
-                     QueryCompressionWorkspaceRoutines[f]);
+        EXPECT_FALSE(CompressBufferRoutines[f] || DecompressBufferRoutines[f] || QueryCompressionWorkspaceRoutines[f]);
     }
     EXPECT_EQ(CompressBufferRoutines[COMPRESSION_FORMAT_LZNT1], &CompressBuffer);
     EXPECT_EQ(DecompressBufferRoutines[COMPRESSION_FORMAT_LZNT1], &DecompressBuffer);
-    EXPECT_EQ(QueryCompressionWorkspaceRoutines[COMPRESSION_FORMAT_LZNT1],
-              &QueryCompressionWorkspace);
+    EXPECT_EQ(QueryCompressionWorkspaceRoutines[COMPRESSION_FORMAT_LZNT1], &QueryCompressionWorkspace);
     uint8_t buffer[16] = {};
     int32_t size = 0;
     for (int f = 3; f < kCompressionFormatCount; ++f) {
         EXPECT_EQ(QueryCompressionWorkspaceRoutines[f](0, &workspaceBytes, &fragmentBytes),
                   ERROR_UNSUPPORTED_COMPRESSION);
-        EXPECT_EQ(
-            CompressBufferRoutines[f](0, buffer, 16, buffer, 16, 4096, &workspaceBytes, buffer),
-            ERROR_UNSUPPORTED_COMPRESSION);
-        EXPECT_EQ(DecompressBufferRoutines[f](buffer, 16, buffer, 16, &size),
+        EXPECT_EQ(CompressBufferRoutines[f](0, buffer, 16, buffer, 16, 4096, &workspaceBytes, buffer),
                   ERROR_UNSUPPORTED_COMPRESSION);
+        EXPECT_EQ(DecompressBufferRoutines[f](buffer, 16, buffer, 16, &size), ERROR_UNSUPPORTED_COMPRESSION);
     }
 
     // Text shrinks, the exhaustive engine no worse; random data is stored
@@ -246,10 +237,8 @@ TEST(Lznt1Format, BackReferenceFormatsAtTheirBorders) {
     // Position 16: distance 16, length 8 in format 0 (4 distance bits).
     // Position 17: distance 17, length 10 in format 1 (5 distance bits); read
     // as format 0 the word would mean distance 9, length 10.
-    const Bytes at16 =
-        Cat({{0x14, 0xB0, 0x00}, Of("ABCDEFGH"), {0x00}, Of("IJKLMNOP"), {0x01, 0x05, 0xF0}});
-    const Bytes at17 =
-        Cat({{0x15, 0xB0, 0x00}, Of("ABCDEFGH"), {0x00}, Of("IJKLMNOP\x02Q"), {0x07, 0x80}});
+    const Bytes at16 = Cat({{0x14, 0xB0, 0x00}, Of("ABCDEFGH"), {0x00}, Of("IJKLMNOP"), {0x01, 0x05, 0xF0}});
+    const Bytes at17 = Cat({{0x15, 0xB0, 0x00}, Of("ABCDEFGH"), {0x00}, Of("IJKLMNOP\x02Q"), {0x07, 0x80}});
     // Of two equally long matches the nearer is taken (distance 5, not 10);
     // a strictly longer older one wins (length 4 at distance 10).
     const Bytes common = Cat({{0x0D, 0xB0, 0x20}, Of("abcdx"), {0x00, 0x40}, Of("ey"), {0x01}});
@@ -306,14 +295,14 @@ TEST(Lznt1Chunk, AllZeroPlainAndNoRoom) {
     const Bytes random = Random(8192, 1);
     Bytes output(4098, kFill);
     uint32_t chunkBytes = 12345;
-    ASSERT_EQ(CompressChunk(FindMatchHashed, random.data(), random.data() + random.size(),
-                            output.data(), output.data() + 4098, &chunkBytes, workspace.get()),
+    ASSERT_EQ(CompressChunk(FindMatchHashed, random.data(), random.data() + random.size(), output.data(),
+                            output.data() + 4098, &chunkBytes, workspace.get()),
               ERROR_SUCCESS);
     EXPECT_EQ(chunkBytes, 4098u);
     EXPECT_EQ(output, Cat({{0xFF, 0x3F}, Bytes(random.begin(), random.begin() + 4096)}));
     chunkBytes = 12345;
-    EXPECT_EQ(CompressChunk(FindMatchHashed, random.data(), random.data() + random.size(),
-                            output.data(), output.data() + 4097, &chunkBytes, workspace.get()),
+    EXPECT_EQ(CompressChunk(FindMatchHashed, random.data(), random.data() + random.size(), output.data(),
+                            output.data() + 4097, &chunkBytes, workspace.get()),
               ERROR_INSUFFICIENT_BUFFER);
     EXPECT_EQ(chunkBytes, 12345u);
 
@@ -396,8 +385,7 @@ struct Sample {
     Bytes Stream = ntfs::Stream(kHashed, Plain);
     std::vector<size_t> Starts;
     Sample() {
-        for (size_t at = 0; at < Stream.size();
-             at += ((Stream[at] | Stream[at + 1] << 8) & 0xFFF) + 3u)
+        for (size_t at = 0; at < Stream.size(); at += ((Stream[at] | Stream[at + 1] << 8) & 0xFFF) + 3u)
             Starts.push_back(at);
         Starts.push_back(Stream.size());
     }
@@ -423,8 +411,7 @@ TEST(Lznt1Malformed, TruncatedChunkFailsAndCleanCutsEndTheStream) {
             // Cut on a chunk border, or one stray byte behind it.
             ASSERT_EQ(e.Code, ERROR_SUCCESS);
             EXPECT_EQ(e.FinalSize, static_cast<int64_t>(4096 * chunk));
-            EXPECT_TRUE(
-                std::equal(e.Output.begin(), e.Output.begin() + e.FinalSize, s.Plain.begin()));
+            EXPECT_TRUE(std::equal(e.Output.begin(), e.Output.begin() + e.FinalSize, s.Plain.begin()));
         }
     }
 }
@@ -438,8 +425,7 @@ TEST(Lznt1Malformed, HeaderSizeOrPlainBodyPastTheInput) {
     e = Expand(Cat({good, {0xFF, 0xBF, 1, 2, 3}}), 65536);
     EXPECT_EQ(e.Code, ERROR_BAD_COMPRESSION_BUFFER);
     EXPECT_EQ(e.FinalSize, static_cast<int64_t>(good.size()));
-    EXPECT_EQ(Expand(Cat({{0xFF, 0x3F}, Bytes(4000, 7)}), 65536).Code,
-              ERROR_BAD_COMPRESSION_BUFFER);
+    EXPECT_EQ(Expand(Cat({{0xFF, 0x3F}, Bytes(4000, 7)}), 65536).Code, ERROR_BAD_COMPRESSION_BUFFER);
     // A plain chunk (bit 15 clear) of size 8 still stands for 4096 bytes;
     // with only four bytes of room four are enough.
     const Bytes plain{0x05, 0x30, 1, 2, 3, 4, 5, 6};
@@ -466,8 +452,7 @@ TEST(Lznt1Malformed, BackReferencesCutOffOrBeforeTheChunkStart) {
     // Chunk two opens with distance 1: chunk one's bytes before it must not
     // be copied. The buffer level ignores the chunk's code and takes its
     // reported length, clipped to the room.
-    Result e =
-        Expand(Cat({Stream(kHashed, Bytes(4096, 'A')), {0x02, 0xB0, 0x01, 0x00, 0x00}}), 8192);
+    Result e = Expand(Cat({Stream(kHashed, Bytes(4096, 'A')), {0x02, 0xB0, 0x01, 0x00, 0x00}}), 8192);
     EXPECT_EQ(e.Code, ERROR_SUCCESS);
     EXPECT_EQ(e.FinalSize, 4096 + 1);
     EXPECT_EQ(e.Output[4095], 'A');
@@ -476,8 +461,7 @@ TEST(Lznt1Malformed, BackReferencesCutOffOrBeforeTheChunkStart) {
     // 95 bytes of output: the failing input offset 107 stands in as the
     // chunk's length, clipped to the room.
     Bytes body;
-    for (int group = 0; group < 11; ++group)
-        body.insert(body.end(), {0, 'b', 'b', 'b', 'b', 'b', 'b', 'b', 'b'});
+    for (int group = 0; group < 11; ++group) body.insert(body.end(), {0, 'b', 'b', 'b', 'b', 'b', 'b', 'b', 'b'});
     body.insert(body.end(), {0x80, 'c', 'c', 'c', 'c', 'c', 'c', 'c', 0x00, 0xF0});
     const Bytes stream = Cat({{static_cast<uint8_t>(body.size() - 1), 0xB0}, body});
     EXPECT_EQ(Expand(stream, 100).FinalSize, 100);

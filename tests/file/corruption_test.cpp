@@ -32,7 +32,8 @@ void WalkAndRead(CNTFSVolume* volume, const std::u16string& directory, int depth
     if (find == nullptr) return;
     std::vector<std::pair<std::u16string, bool>> children;
     do {
-        if (data.FileName[0] != 0) children.push_back({data.FileName, (data.FileAttributes & kFileAttributeDirectory) != 0});
+        if (data.FileName[0] != 0)
+            children.push_back({data.FileName, (data.FileAttributes & kFileAttributeDirectory) != 0});
         ++*operations;
     } while (volume->FindNextFileA(find, &data) && *operations < 5000);
     volume->CloseFindHandle(find);

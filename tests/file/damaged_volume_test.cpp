@@ -37,15 +37,15 @@ constexpr unsigned int kReadShared = kAccessRead | kAccessShareMask;
 constexpr unsigned int kReadWriteShared = kAccessRead | kAccessWrite | kAccessShareMask;
 
 // Records of "c4k" used below (see its manifest).
-constexpr int64_t kReadme = 64;          // \readme.txt, 180 resident bytes
-constexpr int64_t kEmptyDir = 66;        // \EmptyDir, its root holds the end entry alone
-constexpr int64_t kLargeRandom = 79;     // \data\large-random.bin, one run
-constexpr int64_t kExactCluster = 81;    // \data\exact-cluster.bin, one cluster
-constexpr int64_t kSmall600 = 84;        // \data\small-600.bin, resident, record nearly full
-constexpr int64_t kMixed = 85;           // \MiXeD: CaSe, lower, end entry, in its root
-constexpr int64_t kLower = 88;           // \MiXeD\lower: UPPER.BIN, end entry
-constexpr int64_t kUpper = 89;           // \MiXeD\lower\UPPER.BIN
-constexpr int64_t kExactUnit = 109;      // \compressed\exact-unit.txt, one compression unit
+constexpr int64_t kReadme = 64;        // \readme.txt, 180 resident bytes
+constexpr int64_t kEmptyDir = 66;      // \EmptyDir, its root holds the end entry alone
+constexpr int64_t kLargeRandom = 79;   // \data\large-random.bin, one run
+constexpr int64_t kExactCluster = 81;  // \data\exact-cluster.bin, one cluster
+constexpr int64_t kSmall600 = 84;      // \data\small-600.bin, resident, record nearly full
+constexpr int64_t kMixed = 85;         // \MiXeD: CaSe, lower, end entry, in its root
+constexpr int64_t kLower = 88;         // \MiXeD\lower: UPPER.BIN, end entry
+constexpr int64_t kUpper = 89;         // \MiXeD\lower\UPPER.BIN
+constexpr int64_t kExactUnit = 109;    // \compressed\exact-unit.txt, one compression unit
 
 // Where FILE record `number` lies in `image`; the records damaged here lie in
 // the first run of $MFT.
@@ -235,9 +235,8 @@ TEST(DamagedFileRecord, RecordOneThroughAHandleIsClosed) {
         mounted.Volume()->Umount();
     }
     {
-        MountedVolume mounted(DamagedC4k(kLower, [](uint8_t* r) {
-            WriteU48(r, RootEntryAt(r, 0) + kEntryRecordNumberOffset, 1);
-        }));
+        MountedVolume mounted(
+            DamagedC4k(kLower, [](uint8_t* r) { WriteU48(r, RootEntryAt(r, 0) + kEntryRecordNumberOffset, 1); }));
         ASSERT_EQ(mounted.Mount(), 1);
         void* handle = Open(&mounted, u"\\MiXeD\\lower\\UPPER.BIN", kReadShared);
         ASSERT_NE(handle, nullptr);
@@ -304,8 +303,8 @@ TEST(DamagedRunList, LcnBeyondSixtyFourBitSectorsIsCorrupt) {
         const size_t runs = data + ReadU16(r, data + kNonResidentRunListOffsetOffset);
         // Two runs of seven-byte deltas, 2^55 - 1 each: one cluster, then
         // four; the last cluster lies at 2^56 + 1, sector 2^63 + 128.
-        const uint8_t list[] = {0x71, 0x01, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F,
-                                0x71, 0x04, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0x00};
+        const uint8_t list[] = {0x71, 0x01, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0x71,
+                                0x04, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F, 0x00};
         // The attribute grows by 16 bytes to hold them; the end marker follows.
         const uint32_t length = ReadU32(r, data + kAttributeLengthOffset) + 16;
         WriteU32(r, data + kAttributeLengthOffset, length);
@@ -388,9 +387,8 @@ TEST(DamagedRunList, GrowthArithmeticDoesNotOverflow) {
 // damage (before, it was taken for a file of record 0 and skipped for ever).
 TEST(DamagedIndexEntry, EntriesAreReadInsideTheirLength) {
     {
-        MountedVolume mounted(DamagedC4k(kMixed, [](uint8_t* r) {
-            WriteU8(r, RootEntryAt(r, 1) + kEntryNameLengthOffset, 255);
-        }));
+        MountedVolume mounted(
+            DamagedC4k(kMixed, [](uint8_t* r) { WriteU8(r, RootEntryAt(r, 1) + kEntryNameLengthOffset, 255); }));
         ASSERT_EQ(mounted.Mount(), 1);
         std::vector<std::u16string> names;
         EXPECT_EQ(Walk(mounted.Volume(), u"\\MiXeD\\*", &names), ERROR_FILE_NOT_FOUND);
@@ -398,14 +396,12 @@ TEST(DamagedIndexEntry, EntriesAreReadInsideTheirLength) {
         mounted.Volume()->Umount();
     }
     {
-        MountedVolume mounted(DamagedC4k(kEmptyDir, [](uint8_t* r) {
-            WriteU16(r, RootEntryAt(r, 0) + kEntryFlagsOffset, 0);
-        }));
+        MountedVolume mounted(
+            DamagedC4k(kEmptyDir, [](uint8_t* r) { WriteU16(r, RootEntryAt(r, 0) + kEntryFlagsOffset, 0); }));
         ASSERT_EQ(mounted.Mount(), 1);
         std::vector<std::u16string> names;
-        EndsInAMinute("listing \\EmptyDir", [&] {
-            EXPECT_EQ(Walk(mounted.Volume(), u"\\EmptyDir\\*", &names), ERROR_FILE_CORRUPT);
-        });
+        EndsInAMinute("listing \\EmptyDir",
+                      [&] { EXPECT_EQ(Walk(mounted.Volume(), u"\\EmptyDir\\*", &names), ERROR_FILE_CORRUPT); });
         EXPECT_TRUE(names.empty());
         mounted.Volume()->Umount();
     }
@@ -433,14 +429,19 @@ TEST(DamagedIndexEntry, NodeWithoutEndEntryEndsTheWalk) {
         std::vector<std::u16string> delivered;  // before the failure
     };
     std::vector<Case> cases;
-    cases.push_back({"POSIX name delivered again", withoutEnd(kMixed, 1, 0, 0, 0), u"\\MiXeD\\*",
+    cases.push_back({"POSIX name delivered again", withoutEnd(kMixed, 1, 0, 0, 0), u"\\MiXeD\\*", {u"CaSe", u"lower"}});
+    cases.push_back({"Win32 name skipped as delivered",
+                     withoutEnd(kMixed, 1, kEntryNameSpaceOffset, 1, 1),
+                     u"\\MiXeD\\*",
                      {u"CaSe", u"lower"}});
-    cases.push_back({"Win32 name skipped as delivered", withoutEnd(kMixed, 1, kEntryNameSpaceOffset, 1, 1),
-                     u"\\MiXeD\\*", {u"CaSe", u"lower"}});
-    cases.push_back({"system record skipped by FindNextFileA", withoutEnd(kMixed, 1, kEntryRecordNumberOffset, 11, 6),
-                     u"\\MiXeD\\*", {u"CaSe"}});
+    cases.push_back({"system record skipped by FindNextFileA",
+                     withoutEnd(kMixed, 1, kEntryRecordNumberOffset, 11, 6),
+                     u"\\MiXeD\\*",
+                     {u"CaSe"}});
     cases.push_back({"system record skipped by FindFirstFileA",
-                     withoutEnd(kLower, 0, kEntryRecordNumberOffset, 11, 6), u"\\MiXeD\\lower\\*", {}});
+                     withoutEnd(kLower, 0, kEntryRecordNumberOffset, 11, 6),
+                     u"\\MiXeD\\lower\\*",
+                     {}});
     for (Case& c : cases) {
         SCOPED_TRACE(c.what);
         MountedVolume mounted(std::move(c.image));
@@ -472,7 +473,8 @@ TEST(DamagedIndexRecord, CloseWritesNoOtherRecord) {
         CDirectory* directory = nullptr;
         ASSERT_EQ(volume->ReferenceDirectory(64, u"\\many", &directory), ERROR_SUCCESS);
         directory->LockShared();
-        std::vector<int64_t> path = {EntrySubNodeVcn(static_cast<CIndexEntry*>(directory->GetIndexRoot()->GetItem(0))->GetEntry())};
+        std::vector<int64_t> path = {
+            EntrySubNodeVcn(static_cast<CIndexEntry*>(directory->GetIndexRoot()->GetItem(0))->GetEntry())};
         std::vector<int64_t> at = {test::IndexRecordImageOffset(directory, path.back())};
         while (at.back() > 0 && (ReadU32(bytes.data() + at.back(), kIndexFlagsOffset) & kIndexNodeHasSubNodes) != 0) {
             const uint8_t* first = bytes.data() + at.back() + kIndexNodeHeaderOffset +

@@ -26,8 +26,8 @@ struct Delivered {
     uint64_t size;
     uint32_t attributes;
     bool operator==(const Delivered& other) const {
-        return name == other.name && alternate == other.alternate && record == other.record &&
-               size == other.size && attributes == other.attributes;
+        return name == other.name && alternate == other.alternate && record == other.record && size == other.size &&
+               attributes == other.attributes;
     }
 };
 

@@ -35,7 +35,9 @@ std::u16string ParentOf(const std::u16string& path) {
     return slash == 0 ? u"" : path.substr(0, slash);
 }
 
-std::u16string LeafOf(const std::u16string& path) { return path.substr(path.rfind(u'\\') + 1); }
+std::u16string LeafOf(const std::u16string& path) {
+    return path.substr(path.rfind(u'\\') + 1);
+}
 
 // Lists `pattern` (a full path with a pattern as its last component).
 std::vector<Listed> List(CNTFSVolume* volume, const std::u16string& pattern, unsigned int* lastError) {

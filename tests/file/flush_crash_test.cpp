@@ -29,8 +29,8 @@ namespace {
 
 using test::MountedVolume;
 
-constexpr int64_t kManyRecord = 64;       // \many on the big volume
-constexpr int64_t kTargetRecord = 67;     // a file of \many the new names point at
+constexpr int64_t kManyRecord = 64;    // \many on the big volume
+constexpr int64_t kTargetRecord = 67;  // a file of \many the new names point at
 constexpr int kMaxInsertions = 400;
 
 std::u16string NewName(int i) {
@@ -97,8 +97,7 @@ Workload RecordWorkload() {
 
 // Checks a volume image that survived a cut; returns a description of what
 // is wrong, empty when all is well.
-std::string CheckSurvivor(std::vector<uint8_t> image, const Workload& work,
-                          std::set<std::u16string>* found = nullptr) {
+std::string CheckSurvivor(std::vector<uint8_t> image, const Workload& work, std::set<std::u16string>* found = nullptr) {
     MountedVolume mounted(std::move(image));
     if (mounted.Mount() != 1) return "mount failed " + std::to_string(mounted.Volume()->GetLastError());
     CNTFSVolume* volume = mounted.Volume();

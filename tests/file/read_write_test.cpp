@@ -76,7 +76,8 @@ TEST(FileRead, EveryFileEqualsTheManifest) {
 }
 
 std::string Cat(const std::string& image, int64_t record) {
-    return test::RunTool("ntfscat -i " + std::to_string(record) + " " + test::ShellQuote(image) + " 2>/dev/null").output;
+    return test::RunTool("ntfscat -i " + std::to_string(record) + " " + test::ShellQuote(image) + " 2>/dev/null")
+        .output;
 }
 
 std::string Icat(const std::string& image, int64_t record) {
@@ -265,8 +266,8 @@ TEST(FileHandles, NegativeSizesAreRefusedAndChangeNothing) {
         const char16_t* path;
         const char* name;
     };
-    for (const Case& file : {Case{u"\\data\\large-random.bin", "\\data\\large-random.bin"},
-                             Case{u"\\readme.txt", "\\readme.txt"}}) {
+    for (const Case& file :
+         {Case{u"\\data\\large-random.bin", "\\data\\large-random.bin"}, Case{u"\\readme.txt", "\\readme.txt"}}) {
         SCOPED_TRACE(file.name);
         void* handle = volume->CreateFileA(file.path, 0, kOpenExisting, kReadWriteShared);
         ASSERT_NE(handle, nullptr) << volume->GetLastError();

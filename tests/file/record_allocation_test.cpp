@@ -66,9 +66,8 @@ int64_t ClustersHeld(CNTFSVolume* volume, int64_t number) {
 
 void ExpectAudited(CNTFSVolume* volume) {
     const test::ClusterAudit audit = test::AuditClusters(volume);
-    EXPECT_TRUE(audit.Clean()) << audit.First << " (twice " << audit.OwnedTwice << ", owned-free "
-                               << audit.OwnedButFree << ", leaked " << audit.Leaked << ", records "
-                               << audit.RecordMismatches << ")";
+    EXPECT_TRUE(audit.Clean()) << audit.First << " (twice " << audit.OwnedTwice << ", owned-free " << audit.OwnedButFree
+                               << ", leaked " << audit.Leaked << ", records " << audit.RecordMismatches << ")";
 }
 
 // A file with names in other directories ends its close with 2: the entries
@@ -83,8 +82,8 @@ void CloseTolerantOfOtherNames(CNTFSVolume* volume, void* handle) {
 // Appends `bytes` to `path` in chunks of `chunk`, one cluster at a time when
 // `chunk` is a cluster; `extra`, when set, gets one chunk after each so that
 // the two files' clusters interleave. Returns the bytes appended to `path`.
-int64_t Append(CNTFSVolume* volume, const char16_t* path, std::vector<uint8_t>* content, int64_t bytes,
-               int chunk, const char16_t* extra = nullptr) {
+int64_t Append(CNTFSVolume* volume, const char16_t* path, std::vector<uint8_t>* content, int64_t bytes, int chunk,
+               const char16_t* extra = nullptr) {
     void* handle = volume->CreateFileA(path, 0, kOpenExisting, kReadWrite);
     void* other = extra != nullptr ? volume->CreateFileA(extra, 0, kOpenExisting, kReadWrite) : nullptr;
     EXPECT_NE(handle, nullptr) << volume->GetLastError();
@@ -111,7 +110,9 @@ int64_t Append(CNTFSVolume* volume, const char16_t* path, std::vector<uint8_t>* 
     return appended;
 }
 
-std::string Tool(const std::string& command) { return test::RunTool(command).output; }
+std::string Tool(const std::string& command) {
+    return test::RunTool(command).output;
+}
 
 int64_t FreeClustersOf(const std::string& image) {
     const std::string value = test::VolumeInfo(image)["Free Clusters"];

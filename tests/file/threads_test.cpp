@@ -62,8 +62,8 @@ TEST(FileThreads, ResultsAreTheirOwnWhileAnotherThreadFails) {
         // Handles of a resident and of a non-resident file, and one that grows.
         std::vector<void*> handles;
         for (int i = 0; i < 32; ++i) {
-            void* handle = volume->CreateFileA(i % 2 ? u"\\data\\large-random.bin" : u"\\readme.txt", 0,
-                                               kOpenExisting, kReadWriteShared);
+            void* handle = volume->CreateFileA(i % 2 ? u"\\data\\large-random.bin" : u"\\readme.txt", 0, kOpenExisting,
+                                               kReadWriteShared);
             ASSERT_NE(handle, nullptr) << volume->GetLastError();
             handles.push_back(handle);
         }

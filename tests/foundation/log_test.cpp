@@ -14,7 +14,9 @@ namespace {
 
 std::vector<std::string> g_debugLines;
 
-void Collect(const char* text) { g_debugLines.emplace_back(text); }
+void Collect(const char* text) {
+    g_debugLines.emplace_back(text);
+}
 
 class LogTest : public ::testing::Test {
 protected:

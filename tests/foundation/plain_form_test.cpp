@@ -86,7 +86,8 @@ TEST(PlainForm, PointerArrayAnswersAsABlockGrownByOne) {
                 ASSERT_EQ(array.InsertAfter(-1, value), plain.InsertAfter(-1, value)) << step;
             } else if (op < 57) {
                 for (int i = 0; i < 300; ++i) {
-                    ASSERT_EQ(array.InsertAfter(array.GetCount(), value + i), plain.InsertAfter(plain.count, value + i));
+                    ASSERT_EQ(array.InsertAfter(array.GetCount(), value + i),
+                              plain.InsertAfter(plain.count, value + i));
                 }
             } else if (op < 85) {
                 ASSERT_EQ(array.RemoveAt(index), plain.RemoveAt(index)) << step;
@@ -141,9 +142,9 @@ TEST(PlainForm, NumberIndexAnswersAsAMap) {
         }
         // Every key still there is found, and ForEach visits exactly them.
         std::map<int64_t, intptr_t> visited;
-        index.ForEach([](int64_t key, intptr_t value, void* context) {
-            (*static_cast<std::map<int64_t, intptr_t>*>(context))[key] = value;
-        }, &visited);
+        index.ForEach([](int64_t key, intptr_t value,
+                         void* context) { (*static_cast<std::map<int64_t, intptr_t>*>(context))[key] = value; },
+                      &visited);
         EXPECT_EQ(visited, plain);
     }
 }

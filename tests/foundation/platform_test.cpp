@@ -11,8 +11,7 @@
 namespace ntfs {
 namespace {
 
-_SYSTEMTIME Make(int year, int month, int day, int hour = 0, int minute = 0, int second = 0,
-                 int ms = 0) {
+_SYSTEMTIME Make(int year, int month, int day, int hour = 0, int minute = 0, int second = 0, int ms = 0) {
     _SYSTEMTIME t{};
     t.wYear = static_cast<u16>(year);
     t.wMonth = static_cast<u16>(month);

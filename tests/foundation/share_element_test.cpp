@@ -12,13 +12,14 @@ namespace ntfs {
 namespace {
 
 struct Counted : CShareElement {
-    Counted(CChainElementContainer* container, int* destroyed)
-        : CShareElement(container), Destroyed(destroyed) {}
+    Counted(CChainElementContainer* container, int* destroyed) : CShareElement(container), Destroyed(destroyed) {}
     ~Counted() override { ++*Destroyed; }
     int* Destroyed;
 };
 
-int IsElement(CChainElement* element, void* parameter) { return element == parameter; }
+int IsElement(CChainElement* element, void* parameter) {
+    return element == parameter;
+}
 
 TEST(ShareElement, NewObjectIsLinkedWithOneReference) {
     int destroyed = 0;

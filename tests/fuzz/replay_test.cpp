@@ -53,10 +53,18 @@ int Replay(const std::string& target, void (*driver)(const uint8_t*, size_t)) {
     return replayed;
 }
 
-TEST(FuzzReplay, Walk) { EXPECT_GT(Replay("walk", &RunWalk), 0); }
-TEST(FuzzReplay, Write) { EXPECT_GT(Replay("write", &RunWrite), 0); }
-TEST(FuzzReplay, RunLists) { EXPECT_GT(Replay("runs", &RunRunLists), 0); }
-TEST(FuzzReplay, Decompress) { EXPECT_GT(Replay("lznt1", &RunDecompress), 0); }
+TEST(FuzzReplay, Walk) {
+    EXPECT_GT(Replay("walk", &RunWalk), 0);
+}
+TEST(FuzzReplay, Write) {
+    EXPECT_GT(Replay("write", &RunWrite), 0);
+}
+TEST(FuzzReplay, RunLists) {
+    EXPECT_GT(Replay("runs", &RunRunLists), 0);
+}
+TEST(FuzzReplay, Decompress) {
+    EXPECT_GT(Replay("lznt1", &RunDecompress), 0);
+}
 
 }  // namespace
 }  // namespace ntfs::fuzz

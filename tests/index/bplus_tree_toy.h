@@ -71,7 +71,9 @@ public:
     bool End;
 };
 
-inline ToyItem* AsToy(CBPlusTreeItem* item) { return static_cast<ToyItem*>(item); }
+inline ToyItem* AsToy(CBPlusTreeItem* item) {
+    return static_cast<ToyItem*>(item);
+}
 
 class ToyNode : public CBPlusTreeNode {
 public:
@@ -268,7 +270,9 @@ public:
     int Retirements = 0;
 };
 
-inline unsigned int ToyNode::RetireNode(CBPlusTreeNode* node) { return Tree->RetireNode(node); }
+inline unsigned int ToyNode::RetireNode(CBPlusTreeNode* node) {
+    return Tree->RetireNode(node);
+}
 
 inline unsigned int ToyNode::FindLastNode(CBPlusTreeNode** node) {
     CBPlusTreeItem* last = GetItem(GetItemCount() - 1);

@@ -130,8 +130,7 @@ TEST(IndexChanges, SplitsAtSeveralLevelsAndEveryRemovalPathKeepTheIndexWhole) {
             testing::internal::CaptureStdout();
             EXPECT_EQ(index.Insert(NameNumber(order[5])), ERROR_FILE_CORRUPT);
             EXPECT_EQ(index.Insert(test::Folded(NameNumber(order[9]))), ERROR_FILE_CORRUPT);
-            EXPECT_NE(testing::internal::GetCapturedStdout().find("New entry has exist in record!"),
-                      std::string::npos);
+            EXPECT_NE(testing::internal::GetCapturedStdout().find("New entry has exist in record!"), std::string::npos);
         }
 
         // Ascending, descending and shuffled removal reach different cases.
@@ -174,8 +173,7 @@ void ExpectSplit(CDirectory* directory, CIndexRecord* record) {
     CBPlusTreeItem* item = nullptr;
     ASSERT_EQ(record->Split(&item), ERROR_SUCCESS);
     std::unique_ptr<CIndexEntry> median(static_cast<CIndexEntry*>(item));
-    const int at = static_cast<int>(std::find(names.begin(), names.end(), test::NameOf(median.get())) -
-                                    names.begin());
+    const int at = static_cast<int>(std::find(names.begin(), names.end(), test::NameOf(median.get())) - names.begin());
     ASSERT_LT(at, count - 1);
     EXPECT_TRUE(median->HasChild());
     EXPECT_EQ(median->GetLength(), lengths[at] + (leaf ? kEntryVcnSize : 0));

@@ -70,10 +70,18 @@ class RefusedIndexRecord : public DamagedIndex, public ::testing::WithParamInter
 TEST_P(RefusedIndexRecord, LeavesNothingBehind) {
     unsigned int code = ERROR_BAD_FORMAT;
     switch (GetParam()) {
-        case 0: Record()[0] = 'X'; break;
-        case 1: Record()[3 * 512 + 510] ^= 0x01; break;  // a torn sector
-        case 2: WriteU16(Record(), kIndexUpdateSequenceCountOffset, 8); break;
-        case 3: WriteU16(Record(), kIndexUpdateSequenceOffsetOffset, 4090); break;
+        case 0:
+            Record()[0] = 'X';
+            break;
+        case 1:
+            Record()[3 * 512 + 510] ^= 0x01;
+            break;  // a torn sector
+        case 2:
+            WriteU16(Record(), kIndexUpdateSequenceCountOffset, 8);
+            break;
+        case 3:
+            WriteU16(Record(), kIndexUpdateSequenceOffsetOffset, 4090);
+            break;
         default:
             mounted.Faults().FailReadsOfSector(offset / 512 + 2, ERROR_IO_DEVICE);
             code = ERROR_IO_DEVICE;

@@ -126,8 +126,7 @@ TEST_P(IndexAllocation, FirstAllocationMakesTheDirectoryLarge) {
     for (int record = 0; record < growth.recordsPerGrowth; ++record) {
         const int64_t at = test::IndexRecordImageOffset(directory, record * vcnPerRecord);
         ASSERT_GE(at, 0);
-        CIndexRecord* loaded =
-            LoadRecord(scratch, record * vcnPerRecord, scratch.mounted.Memory().Bytes().data() + at);
+        CIndexRecord* loaded = LoadRecord(scratch, record * vcnPerRecord, scratch.mounted.Memory().Bytes().data() + at);
         EXPECT_TRUE(loaded->IsValid()) << record;
         EXPECT_EQ(loaded->GetVcn(), record * vcnPerRecord);
         EXPECT_EQ(loaded->GetItemCount(), 1);

@@ -40,7 +40,9 @@ inline std::u16string Folded(std::u16string name) {
 
 // The order of the index: folded units compared as unsigned numbers, a
 // proper prefix first.
-inline bool IndexLess(const std::u16string& a, const std::u16string& b) { return Folded(a) < Folded(b); }
+inline bool IndexLess(const std::u16string& a, const std::u16string& b) {
+    return Folded(a) < Folded(b);
+}
 
 inline std::string Narrow(const std::u16string& text) {
     std::string out;
@@ -70,8 +72,7 @@ inline std::u16string NameOf(CBPlusTreeItem* item) {
 }
 
 // Exact search of one whole name from the root. *found is the entry.
-inline unsigned int FindName(CDirectory* directory, const std::u16string& name,
-                             CIndexEntry** found = nullptr) {
+inline unsigned int FindName(CDirectory* directory, const std::u16string& name, CIndexEntry** found = nullptr) {
     CIndexRoot* root = directory->GetIndexRoot();
     if (root == nullptr) return ERROR_INTERNAL_ERROR;
     if (!directory->ResetCursor()) return ERROR_NOT_ENOUGH_MEMORY;
@@ -229,8 +230,8 @@ inline int64_t IndexRecordImageOffset(CDirectory* directory, int64_t vcn) {
     const int64_t cluster = volume->GetClusterSize();
     int64_t start = 0;
     for (unsigned int piece = 0;; ++piece) {
-        CAttribute* allocation = directory->GetFileRecord()->FindAttribute(
-            AttributeIndexAllocation, kIndexName, kIndexNameLength, piece);
+        CAttribute* allocation =
+            directory->GetFileRecord()->FindAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength, piece);
         if (allocation == nullptr) return -1;
         int count = 0;
         int64_t* runs = allocation->GetRunList(&count);

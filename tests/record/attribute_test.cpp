@@ -13,13 +13,16 @@ namespace {
 
 using test::Bytes;
 
-uint16_t NameOffset(const CAttribute& a) { return ReadU16(a.Header, kAttributeNameOffsetOffset); }
+uint16_t NameOffset(const CAttribute& a) {
+    return ReadU16(a.Header, kAttributeNameOffsetOffset);
+}
 // The value offset when resident, the run list offset when not.
 uint16_t BodyOffset(const CAttribute& a) {
-    return ReadU16(a.Header,
-                   a.IsResident() ? kResidentValueOffsetOffset : kNonResidentRunListOffsetOffset);
+    return ReadU16(a.Header, a.IsResident() ? kResidentValueOffsetOffset : kNonResidentRunListOffsetOffset);
 }
-Bytes BytesOf(const CAttribute& a) { return Bytes(a.Header, a.Header + a.Size); }
+Bytes BytesOf(const CAttribute& a) {
+    return Bytes(a.Header, a.Header + a.Size);
+}
 std::u16string NameOf(const CAttribute& a) {
     std::u16string name;
     for (int i = 0; i < a.GetNameLength(); ++i) name += a.GetNameUnit(i);
@@ -34,14 +37,12 @@ TEST(AttributeConstruction, HeaderNameAndBodyOffsetsOfBothForms) {
         const char16_t* name;
         int nameAt, bodyAt;
     };
-    for (const Case& c :
-         {Case{41, 1, nullptr, 0, 24}, Case{72, 0, nullptr, 0, 64}, Case{56, 1, u"$I30", 24, 32},
-          Case{80, 0, u"$I30", 64, 72}, Case{64, 1, u"ABCDE", 24, 32},
-          Case{64, 1, u"ABCDEFGH", 24, 32}, Case{96, 0, u"ABCDEFGHIJ", 64, 80}}) {
+    for (const Case& c : {Case{41, 1, nullptr, 0, 24}, Case{72, 0, nullptr, 0, 64}, Case{56, 1, u"$I30", 24, 32},
+                          Case{80, 0, u"$I30", 64, 72}, Case{64, 1, u"ABCDE", 24, 32}, Case{64, 1, u"ABCDEFGH", 24, 32},
+                          Case{96, 0, u"ABCDEFGHIJ", 64, 80}}) {
         CAttribute a(c.size, c.resident, c.name);
         ASSERT_TRUE(a.Valid) << c.size;
-        EXPECT_EQ(static_cast<uint32_t>((c.size + 7) / 8 * 8),
-                  ReadU32(a.Header, kAttributeLengthOffset));
+        EXPECT_EQ(static_cast<uint32_t>((c.size + 7) / 8 * 8), ReadU32(a.Header, kAttributeLengthOffset));
         EXPECT_EQ(c.resident == 0, ReadU8(a.Header, kAttributeNonResidentOffset) == 1);
         EXPECT_EQ(c.name != nullptr ? c.name : u"", NameOf(a));
         EXPECT_EQ(c.nameAt, NameOffset(a));

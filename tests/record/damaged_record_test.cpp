@@ -14,8 +14,7 @@ namespace {
 
 using test::Bytes;
 
-const char kOverrunMessage[] =
-    "Bad FILERECORD! The size of attributes is large than FILERECORD size.\n";
+const char kOverrunMessage[] = "Bad FILERECORD! The size of attributes is large than FILERECORD size.\n";
 
 // Whether a record made from `bytes` is valid, and what it printed.
 std::pair<bool, std::string> Parse(const Bytes& bytes) {
@@ -42,12 +41,8 @@ TEST(DamagedRecord, EachKindOfDamageGivesItsResult) {
     const size_t at = static_cast<size_t>(last);
     const uint32_t marker = ReadU32(plain.data(), kFileBytesInUseOffset) - 8;
     using Change = std::function<void(uint8_t*)>;
-    auto u32 = [](size_t offset, uint32_t value) -> Change {
-        return [=](uint8_t* r) { WriteU32(r, offset, value); };
-    };
-    auto u16 = [](size_t offset, uint16_t value) -> Change {
-        return [=](uint8_t* r) { WriteU16(r, offset, value); };
-    };
+    auto u32 = [](size_t offset, uint32_t value) -> Change { return [=](uint8_t* r) { WriteU32(r, offset, value); }; };
+    auto u16 = [](size_t offset, uint16_t value) -> Change { return [=](uint8_t* r) { WriteU16(r, offset, value); }; };
     auto both = [](Change a, Change b) -> Change { return [=](uint8_t* r) { a(r), b(r); }; };
     const Change overrun = u32(at + kAttributeLengthOffset, kFileRecordSize - last);
     struct Damage {
@@ -60,12 +55,10 @@ TEST(DamagedRecord, EachKindOfDamageGivesItsResult) {
     const std::vector<Damage> damages = {
         {"none", [](uint8_t*) {}, false, true, ""},
         {"bytes in use beyond need", u32(kFileBytesInUseOffset, 1000), false, true, ""},
-        {"last attribute ends at bytes in use", u32(kFileBytesInUseOffset, marker), false, true,
-         ""},
+        {"last attribute ends at bytes in use", u32(kFileBytesInUseOffset, marker), false, true, ""},
         {"bad magic", u32(kFileMagicOffset, 0x44414142), false, false, ""},
         {"sequence count 2", u16(kFileUpdateSequenceCountOffset, 2), true, false, ""},
-        {"sequence array past the record", u16(kFileUpdateSequenceOffsetOffset, 1024), true, false,
-         ""},
+        {"sequence array past the record", u16(kFileUpdateSequenceOffsetOffset, 1024), true, false, ""},
         {"torn second sector", u16(1022, ReadU16(plain.data(), 48) + 1), true, false, ""},
         {"torn first sector", u16(510, 0x0BAD), true, false, ""},
         {"zero-length attribute", u32(at + kAttributeLengthOffset, 0), false, false, ""},
@@ -73,24 +66,21 @@ TEST(DamagedRecord, EachKindOfDamageGivesItsResult) {
         {"type 0x18", u32(at, 0x18), false, false, ""},
         {"type 0x400", u32(at, 0x400), false, false, ""},
         {"type 0x80000080", u32(at, 0x80000080u), false, false, ""},
-        {"non-resident flag on a short attribute",
-         [&](uint8_t* r) { WriteU8(r, at + kAttributeNonResidentOffset, 1); }, false, false, ""},
-        {"attributes up to the record end", both(overrun, u32(kFileBytesInUseOffset, 1024)), false,
-         false, kOverrunMessage},
-        {"the same with huge sizes",
-         both(overrun, both(u32(kFileBytesInUseOffset, 0xFFFFFFF0u),
-                            u32(kFileAllocatedSizeOffset, 0xFFFFFFF0u))),
-         false, false, kOverrunMessage},
-        {"first attribute past the record", u16(kFileFirstAttributeOffset, 0x3FF), false, false,
+        {"non-resident flag on a short attribute", [&](uint8_t* r) { WriteU8(r, at + kAttributeNonResidentOffset, 1); },
+         false, false, ""},
+        {"attributes up to the record end", both(overrun, u32(kFileBytesInUseOffset, 1024)), false, false,
          kOverrunMessage},
+        {"the same with huge sizes",
+         both(overrun, both(u32(kFileBytesInUseOffset, 0xFFFFFFF0u), u32(kFileAllocatedSizeOffset, 0xFFFFFFF0u))),
+         false, false, kOverrunMessage},
+        {"first attribute past the record", u16(kFileFirstAttributeOffset, 0x3FF), false, false, kOverrunMessage},
     };
     for (const Damage& damage : damages) {
         Bytes bytes = plain;
         if (!damage.onDisk) damage.change(bytes.data());
         ProtectUpdateSequence(bytes.data(), kFileRecordSize);
         if (damage.onDisk) damage.change(bytes.data());
-        EXPECT_EQ(std::make_pair(damage.valid, std::string(damage.log)), Parse(bytes))
-            << damage.what;
+        EXPECT_EQ(std::make_pair(damage.valid, std::string(damage.log)), Parse(bytes)) << damage.what;
     }
 }
 
@@ -102,8 +92,7 @@ TEST(DamagedRecord, RandomDamageNeverLeavesTheBuffers) {
     const test::FixtureMft mft(test::FixtureNames().front());
     for (int64_t number = 0; number < 64 && number < mft.FirstExtentRecords; ++number) {
         auto record = test::RecordFromBytes(mft.RawRecord(number), number);
-        if (record->IsValid() && record->Attributes.GetCount() > 0)
-            originals.push_back(test::ImageOf(*record));
+        if (record->IsValid() && record->Attributes.GetCount() > 0) originals.push_back(test::ImageOf(*record));
     }
     ASSERT_GT(originals.size(), 10u);
     std::mt19937 random(1234);
@@ -126,8 +115,8 @@ TEST(DamagedRecord, RandomDamageNeverLeavesTheBuffers) {
             attributes.push_back(record->Attributes.At<CAttribute>(i));
         CAttribute* result = nullptr;
         for (CAttribute* attribute : attributes) {
-            static_cast<void>(attribute->GetDataSize() + attribute->GetHighestVcn() +
-                              attribute->BodyFits() + test::Decode(*attribute).size());
+            static_cast<void>(attribute->GetDataSize() + attribute->GetHighestVcn() + attribute->BodyFits() +
+                              test::Decode(*attribute).size());
             std::unique_ptr<CAttribute> clone(attribute->Clone());
             if (clone != nullptr && !clone->IsResident()) {
                 static_cast<void>(clone->AppendRun(12345, 3, &result));
@@ -135,11 +124,9 @@ TEST(DamagedRecord, RandomDamageNeverLeavesTheBuffers) {
             }
             static_cast<void>(record->FindAttribute(attribute->GetType(), u"$I30", 4, 0));
         }
-        if (!attributes.empty())
-            static_cast<void>(attributes[0]->SetSize(attributes[0]->Size + 16, &result));
+        if (!attributes.empty()) static_cast<void>(attributes[0]->SetSize(attributes[0]->Size + 16, &result));
         record->InsertAttribute(test::ResidentAttribute(AttributeData, u"x", 16, 1).get());
-        if (record->Attributes.GetCount() > 0)
-            record->RemoveAttribute(record->Attributes.At<CAttribute>(0));
+        if (record->Attributes.GetCount() > 0) record->RemoveAttribute(record->Attributes.At<CAttribute>(0));
         static_cast<void>(record->Revert());
     }
     testing::internal::GetCapturedStdout();

@@ -15,8 +15,8 @@ using test::ImageOf;
 using test::RecordFromBytes;
 
 int Initialize(Bytes& bytes, int64_t number) {
-    return CFileRecord::InitializeFileRecord(reinterpret_cast<_FILE_RECORD_HEADER*>(bytes.data()),
-                                             kFileRecordSize, kSectorSize, &number);
+    return CFileRecord::InitializeFileRecord(reinterpret_cast<_FILE_RECORD_HEADER*>(bytes.data()), kFileRecordSize,
+                                             kSectorSize, &number);
 }
 
 TEST(InitializeFileRecord, MakesAnEmptyProtectedRecordAndRefusesOneInUse) {

@@ -117,8 +117,7 @@ TEST(RealRecordChanges, InsertRemoveGrowShrinkAndFormFlips) {
     ASSERT_TRUE(root->IsValid());
     const Bytes before = ImageOf(*root);
     auto unchangedToMarker = [&](const Bytes& expected) {
-        return std::equal(expected.begin(), expected.begin() + (root->EndMarker - root->Image) + 4,
-                          root->Image);
+        return std::equal(expected.begin(), expected.begin() + (root->EndMarker - root->Image) + 4, root->Image);
     };
     auto at = [&](int i) { return root->Attributes.At<CAttribute>(i); };
     // Insertion in type and name order (a missing unit counting as 0), each
@@ -162,8 +161,7 @@ TEST(RealRecordChanges, InsertRemoveGrowShrinkAndFormFlips) {
     root->RemoveAttribute(at(0));
     Bytes removed = before;
     removed.erase(removed.begin() + siAt, removed.begin() + siAt + siSize);
-    WriteU32(removed.data(), kFileBytesInUseOffset,
-             ReadU32(before.data(), kFileBytesInUseOffset) - siSize);
+    WriteU32(removed.data(), kFileBytesInUseOffset, ReadU32(before.data(), kFileBytesInUseOffset) - siSize);
     EXPECT_TRUE(unchangedToMarker(removed));
     EXPECT_EQ(1, root->Revert());
     EXPECT_EQ(count, root->Attributes.GetCount());
@@ -181,8 +179,7 @@ TEST(RealRecordChanges, InsertRemoveGrowShrinkAndFormFlips) {
     Bytes grown = before;
     grown.insert(grown.begin() + end, 24, 0);
     WriteU32(grown.data(), end - size + kAttributeLengthOffset, size + 24);
-    WriteU32(grown.data(), kFileBytesInUseOffset,
-             ReadU32(before.data(), kFileBytesInUseOffset) + 24);
+    WriteU32(grown.data(), kFileBytesInUseOffset, ReadU32(before.data(), kFileBytesInUseOffset) + 24);
     EXPECT_TRUE(unchangedToMarker(grown));
     EXPECT_EQ(lastAt + 24, last->Header);
     ASSERT_EQ(ERROR_SUCCESS, standard->SetSize(size, &result));
@@ -190,8 +187,7 @@ TEST(RealRecordChanges, InsertRemoveGrowShrinkAndFormFlips) {
     // No room: growth and insertion refuse and change nothing; insertion
     // returns the attribute standing where the new one would have gone.
     const Bytes same = ImageOf(*root);
-    EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER,
-              standard->SetSize(size + root->GetFreeSpace() + 8, &result));
+    EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER, standard->SetSize(size + root->GetFreeSpace() + 8, &result));
     auto big = test::ResidentAttribute(AttributeData, nullptr, root->GetFreeSpace(), 1);
     EXPECT_EQ(at(first), root->InsertAttribute(big.get()));
     EXPECT_EQ(same, ImageOf(*root));

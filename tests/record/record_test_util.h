@@ -27,15 +27,14 @@ using Runs = std::vector<std::pair<int64_t, int64_t>>;  // (LCN, clusters)
 inline std::unique_ptr<CFileRecord> RecordFromBytes(const Bytes& bytes, int64_t number = 0) {
     void* buffer = std::malloc(bytes.size());
     std::memcpy(buffer, bytes.data(), bytes.size());
-    return std::make_unique<CFileRecord>(number, static_cast<_FILE_RECORD_HEADER*>(buffer), nullptr,
-                                         nullptr);
+    return std::make_unique<CFileRecord>(number, static_cast<_FILE_RECORD_HEADER*>(buffer), nullptr, nullptr);
 }
 
 // The protected disk bytes of a free record made ready by InitializeFileRecord.
 inline Bytes FreshRecordBytes(int64_t number) {
     Bytes bytes(kFileRecordSize, 0);
-    if (!CFileRecord::InitializeFileRecord(reinterpret_cast<_FILE_RECORD_HEADER*>(bytes.data()),
-                                           kFileRecordSize, kSectorSize, &number)) {
+    if (!CFileRecord::InitializeFileRecord(reinterpret_cast<_FILE_RECORD_HEADER*>(bytes.data()), kFileRecordSize,
+                                           kSectorSize, &number)) {
         throw std::runtime_error("InitializeFileRecord refused a free record");
     }
     return bytes;
@@ -47,12 +46,9 @@ inline Bytes ImageOf(const CFileRecord& record) {
 
 // A resident attribute of `type` with `name` (may be null) and `valueSize`
 // bytes of value, each `fill`.
-inline std::unique_ptr<CAttribute> ResidentAttribute(uint32_t type, const char16_t* name,
-                                                     int valueSize, uint8_t fill) {
-    const int nameBytes =
-        name != nullptr ? 2 * static_cast<int>(std::char_traits<char16_t>::length(name)) : 0;
-    auto attribute =
-        std::make_unique<CAttribute>(kResidentHeaderSize + nameBytes + 8 + valueSize, 1, name);
+inline std::unique_ptr<CAttribute> ResidentAttribute(uint32_t type, const char16_t* name, int valueSize, uint8_t fill) {
+    const int nameBytes = name != nullptr ? 2 * static_cast<int>(std::char_traits<char16_t>::length(name)) : 0;
+    auto attribute = std::make_unique<CAttribute>(kResidentHeaderSize + nameBytes + 8 + valueSize, 1, name);
     WriteU32(attribute->Header, kAttributeTypeOffset, type);
     const Bytes value(static_cast<size_t>(valueSize), fill);
     if (!attribute->SetValue(value.data(), valueSize)) throw std::runtime_error("no fit");
@@ -60,10 +56,8 @@ inline std::unique_ptr<CAttribute> ResidentAttribute(uint32_t type, const char16
 }
 
 // A non-resident $DATA attribute whose run area holds `runs` (end included).
-inline std::unique_ptr<CAttribute> WithRuns(const Bytes& runs, int64_t lowest = 0,
-                                            int64_t highest = 0) {
-    auto attribute = std::make_unique<CAttribute>(
-        kNonResidentHeaderSize + static_cast<int>(runs.size()), 0, nullptr);
+inline std::unique_ptr<CAttribute> WithRuns(const Bytes& runs, int64_t lowest = 0, int64_t highest = 0) {
+    auto attribute = std::make_unique<CAttribute>(kNonResidentHeaderSize + static_cast<int>(runs.size()), 0, nullptr);
     WriteU32(attribute->Header, kAttributeTypeOffset, AttributeData);
     attribute->SetValue(runs.data(), static_cast<int>(runs.size()));
     WriteU64(attribute->Header, kNonResidentLowestVcnOffset, static_cast<uint64_t>(lowest));
@@ -103,8 +97,7 @@ struct FixtureMft {
         for (const auto& [lcn, clusters] : Decode(*data)) {
             if ((lcn + clusters) * cluster > static_cast<int64_t>(image.size()))
                 throw std::runtime_error("$MFT run past the image of " + name);
-            Mft.insert(Mft.end(), image.begin() + lcn * cluster,
-                       image.begin() + (lcn + clusters) * cluster);
+            Mft.insert(Mft.end(), image.begin() + lcn * cluster, image.begin() + (lcn + clusters) * cluster);
             if (FirstExtentRecords == 0) FirstExtentRecords = Mft.size() / kFileRecordSize;
         }
     }

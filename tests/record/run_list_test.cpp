@@ -72,11 +72,11 @@ TEST(RunDecoding, FixedRandomAndDamagedLists) {
 
     // Damaged lists in a 16-byte area otherwise filled with 0x11, so that no
     // zero byte ends them by luck: no list at all.
-    for (const Bytes& prefix : std::vector<Bytes>{
-             {},                                    // no end byte
-             {0x81, 0x04, 0x00, 0x00},              // offset nibble 8
-             {0x19, 1, 2, 3, 4, 5, 6, 7, 8, 9, 0},  // nine length bytes
-             {0x11, 1, 1, 0x11, 1, 1, 0x11, 1, 1, 0x11, 1, 1, 0x01, 5, 0x22, 0x01}}) {
+    for (const Bytes& prefix :
+         std::vector<Bytes>{{},                                    // no end byte
+                            {0x81, 0x04, 0x00, 0x00},              // offset nibble 8
+                            {0x19, 1, 2, 3, 4, 5, 6, 7, 8, 9, 0},  // nine length bytes
+                            {0x11, 1, 1, 0x11, 1, 1, 0x11, 1, 1, 0x11, 1, 1, 0x01, 5, 0x22, 0x01}}) {
         Bytes area(16, 0x11);
         std::copy(prefix.begin(), prefix.end(), area.begin());
         int count = -1;
@@ -107,8 +107,8 @@ TEST(AppendRun, MergesFollowingRunsAndGrowsForNewOnes) {
     Runs expected{{100, 315}};
     for (int i = 0; i < 60; ++i) {
         const Runs::value_type& last = expected.back();
-        const int64_t lcn = random() % 4 == 0 ? last.first + last.second
-                                              : static_cast<int64_t>(random() % (1ull << 40));
+        const int64_t lcn =
+            random() % 4 == 0 ? last.first + last.second : static_cast<int64_t>(random() % (1ull << 40));
         const int count = 1 + static_cast<int>(random() % (1u << (1 + random() % 20)));
         ASSERT_EQ(ERROR_SUCCESS, attribute.AppendRun(lcn, count, &result));
         if (lcn == last.first + last.second) {
@@ -117,8 +117,7 @@ TEST(AppendRun, MergesFollowingRunsAndGrowsForNewOnes) {
             expected.push_back({lcn, count});
         }
         ASSERT_EQ(expected, Decode(attribute)) << i;
-        ASSERT_EQ(ReadU32(attribute.Header, kAttributeLengthOffset),
-                  static_cast<uint32_t>(attribute.Size));
+        ASSERT_EQ(ReadU32(attribute.Header, kAttributeLengthOffset), static_cast<uint32_t>(attribute.Size));
         ASSERT_EQ(0, attribute.Size % 8);
     }
 
@@ -138,19 +137,17 @@ TEST(SplitAttribute, MovesTheTailOfRealAndSparseRuns) {
     // (1000, 10), (1020, 5), (990, 8); then (1000, 10), sparse 6, sparse 4,
     // (1050, 5), (1060, 3).
     const Bytes real = {0x21, 0x0A, 0xE8, 0x03, 0x11, 0x05, 0x14, 0x11, 0x08, 0xE2, 0x00};
-    const Bytes sparse = {0x21, 0x0A, 0xE8, 0x03, 0x01, 0x06, 0x01, 0x04,
-                          0x11, 0x05, 0x32, 0x11, 0x03, 0x0A, 0x00};
+    const Bytes sparse = {0x21, 0x0A, 0xE8, 0x03, 0x01, 0x06, 0x01, 0x04, 0x11, 0x05, 0x32, 0x11, 0x03, 0x0A, 0x00};
     struct Case {
         const Bytes& runs;
         int64_t lowest, highest, at;
         Runs head, tail;
     };
-    for (const Case& c :
-         {Case{real, 0, 22, 13, {{1000, 10}, {1020, 3}}, {{1023, 2}, {990, 8}}},
-          Case{real, 40, 62, 10, {{1000, 10}}, {{1020, 5}, {990, 8}}},
-          // The sparse clusters on either side come out as runs
-          // at offset 0, and the next real run is counted from 0.
-          Case{sparse, 0, 27, 12, {{1000, 10}, {1000, 2}}, {{0, 8}, {1050, 5}, {1060, 3}}}}) {
+    for (const Case& c : {Case{real, 0, 22, 13, {{1000, 10}, {1020, 3}}, {{1023, 2}, {990, 8}}},
+                          Case{real, 40, 62, 10, {{1000, 10}}, {{1020, 5}, {990, 8}}},
+                          // The sparse clusters on either side come out as runs
+                          // at offset 0, and the next real run is counted from 0.
+                          Case{sparse, 0, 27, 12, {{1000, 10}, {1000, 2}}, {{0, 8}, {1050, 5}, {1060, 3}}}}) {
         auto attribute = WithRuns(c.runs, c.lowest, c.highest);
         std::unique_ptr<CAttribute> tail(attribute->SplitAttribute(c.at, 0));
         ASSERT_NE(nullptr, tail) << c.at;
@@ -161,13 +158,10 @@ TEST(SplitAttribute, MovesTheTailOfRealAndSparseRuns) {
         EXPECT_EQ(c.highest, tail->GetHighestVcn());
         EXPECT_EQ(AttributeData, tail->GetType());
         EXPECT_FALSE(tail->InRecord);
-        EXPECT_EQ(ReadU32(attribute->Header, kAttributeLengthOffset),
-                  static_cast<uint32_t>(attribute->Size));
+        EXPECT_EQ(ReadU32(attribute->Header, kAttributeLengthOffset), static_cast<uint32_t>(attribute->Size));
         if (c.at == 12) {
-            EXPECT_EQ((Bytes{0x21, 0x0A, 0xE8, 0x03, 0x11, 0x02, 0x00, 0x00}),
-                      RunBytes(*attribute));
-            EXPECT_EQ((Bytes{0x11, 0x08, 0x00, 0x21, 0x05, 0x1A, 0x04, 0x11, 0x03, 0x0A, 0x00}),
-                      RunBytes(*tail));
+            EXPECT_EQ((Bytes{0x21, 0x0A, 0xE8, 0x03, 0x11, 0x02, 0x00, 0x00}), RunBytes(*attribute));
+            EXPECT_EQ((Bytes{0x11, 0x08, 0x00, 0x21, 0x05, 0x1A, 0x04, 0x11, 0x03, 0x0A, 0x00}), RunBytes(*tail));
         }
     }
     // Past the list, or resident: refused, unchanged.

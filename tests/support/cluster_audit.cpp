@@ -53,13 +53,13 @@ void CountRuns(CFileRecord* record, std::vector<uint8_t>* owners, ClusterAudit* 
 std::vector<uint8_t> ReadBitmap(CBitmapData* bitmap) {
     if (bitmap->IsDirty()) (void)bitmap->FlushBitmap();
     CFullFileRecord* owner = bitmap->GetOwner();
-    const int64_t size = owner->GetAttributeDataSize(bitmap->GetAttributeType(), bitmap->GetAttributeName(),
-                                                     bitmap->GetNameLength());
+    const int64_t size =
+        owner->GetAttributeDataSize(bitmap->GetAttributeType(), bitmap->GetAttributeName(), bitmap->GetNameLength());
     std::vector<uint8_t> bytes(static_cast<size_t>(size > 0 ? size : 0));
     int64_t offset = 0;
     uint32_t read = 0;
-    (void)owner->ReadAttribute(bitmap->GetAttributeType(), bitmap->GetAttributeName(), bitmap->GetNameLength(),
-                               &offset, static_cast<uint32_t>(bytes.size()), bytes.data(), &read);
+    (void)owner->ReadAttribute(bitmap->GetAttributeType(), bitmap->GetAttributeName(), bitmap->GetNameLength(), &offset,
+                               static_cast<uint32_t>(bytes.size()), bytes.data(), &read);
     bytes.resize(read);
     return bytes;
 }

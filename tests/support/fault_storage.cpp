@@ -49,8 +49,7 @@ unsigned int FaultStorage::WriteSectors(void* buffer, int64_t* sector, int count
     if (landing > 0) result = Inner->WriteSectors(buffer, sector, landing, done, block);
     if (result == 0 && *done > 0) {
         const auto* bytes = static_cast<const uint8_t*>(buffer);
-        Writes_.push_back(
-            {*sector, std::vector<uint8_t>(bytes, bytes + static_cast<size_t>(*done) * kSectorBytes)});
+        Writes_.push_back({*sector, std::vector<uint8_t>(bytes, bytes + static_cast<size_t>(*done) * kSectorBytes)});
         WriteSectorTotal += *done;
         ++LandedWrites;
     }
@@ -58,8 +57,7 @@ unsigned int FaultStorage::WriteSectors(void* buffer, int64_t* sector, int count
     return result;
 }
 
-void FaultStorage::Replay(const std::vector<WriteEntry>& log, size_t count,
-                          std::vector<uint8_t>* image) {
+void FaultStorage::Replay(const std::vector<WriteEntry>& log, size_t count, std::vector<uint8_t>* image) {
     for (size_t i = 0; i < count && i < log.size(); ++i) {
         const WriteEntry& entry = log[i];
         const size_t start = static_cast<size_t>(entry.sector) * kSectorBytes;

@@ -42,9 +42,7 @@ public:
     void FailNthWrite(int nth, unsigned int code) { FailWrite = {nth, code}; }
     void FailReadsOfSector(int64_t sector, unsigned int code) { BadSector = {sector, code}; }
     void LimitReadSectors(int most) { ShortReadLimit = most; }
-    void TearNthWrite(int nth, int sectorsLanded, unsigned int code) {
-        Torn = {nth, sectorsLanded, code};
-    }
+    void TearNthWrite(int nth, int sectorsLanded, unsigned int code) { Torn = {nth, sectorsLanded, code}; }
     // After `writes` writes have landed, every later call fails with `code`.
     void CutPowerAfterWrites(int writes, unsigned int code) { PowerCut = {writes, code}; }
     // Clears every fault; counters and logs stay.

@@ -20,17 +20,17 @@ namespace ntfs::test {
 
 // One line of a manifest.
 struct ManifestEntry {
-  int64_t record = 0;       // MFT record number (base record).
-  std::u16string path;      // From the root, backslash-separated: u"\\dir\\a.txt".
-  std::string path_utf8;    // The same path as written in the manifest.
-  bool is_dir = false;
-  uint64_t size = 0;        // Bytes of the unnamed data stream; 0 for directories.
-  std::string sha256;       // Lower-case hex of the content; empty for directories.
-  int links = 0;            // Hard link count of the record.
-  bool compressed = false;  // Files: unnamed $DATA is compressed.
-                            // Directories: new children get compressed.
-  bool sparse = false;      // Unnamed $DATA carries the sparse flag.
-  bool attrlist = false;    // The record has an $ATTRIBUTE_LIST.
+    int64_t record = 0;     // MFT record number (base record).
+    std::u16string path;    // From the root, backslash-separated: u"\\dir\\a.txt".
+    std::string path_utf8;  // The same path as written in the manifest.
+    bool is_dir = false;
+    uint64_t size = 0;        // Bytes of the unnamed data stream; 0 for directories.
+    std::string sha256;       // Lower-case hex of the content; empty for directories.
+    int links = 0;            // Hard link count of the record.
+    bool compressed = false;  // Files: unnamed $DATA is compressed.
+                              // Directories: new children get compressed.
+    bool sparse = false;      // Unnamed $DATA carries the sparse flag.
+    bool attrlist = false;    // The record has an $ATTRIBUTE_LIST.
 };
 
 // Directory holding the unpacked images and manifests.

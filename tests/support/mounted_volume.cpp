@@ -19,7 +19,9 @@ MountedVolume::~MountedVolume() {
     if (!savedPath_.empty()) std::remove(savedPath_.c_str());
 }
 
-int MountedVolume::Mount() { return volume_->Mount(); }
+int MountedVolume::Mount() {
+    return volume_->Mount();
+}
 
 std::string MountedVolume::UnmountToFile() {
     volume_->Umount();

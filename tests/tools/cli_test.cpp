@@ -18,7 +18,9 @@ namespace {
 using test::RunTool;
 using test::ShellQuote;
 
-std::string Cli() { return NTFSKIT_CLI; }
+std::string Cli() {
+    return NTFSKIT_CLI;
+}
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

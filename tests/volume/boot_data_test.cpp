@@ -48,8 +48,7 @@ std::vector<uint8_t> BootImage(int clusterBytes, int64_t sectors = 4096) {
 
 struct Device {
     explicit Device(const std::vector<uint8_t>& boot, int64_t sectors = 4096)
-        : memory(std::vector<uint8_t>(static_cast<size_t>(sectors) * 512)), faults(&memory),
-          volume(&faults) {
+        : memory(std::vector<uint8_t>(static_cast<size_t>(sectors) * 512)), faults(&memory), volume(&faults) {
         std::copy(boot.begin(), boot.end(), memory.Bytes().begin());
     }
     MemoryStorage memory;
@@ -90,8 +89,8 @@ TEST(BootData, GeometryPerClusterSize) {
         int cluster;
         int virtualCluster;
     };
-    for (const Case& c : {Case{512, 512}, Case{1024, 1024}, Case{2048, 2048}, Case{4096, 4096},
-                          Case{8192, 512}, Case{65536, 512}}) {
+    for (const Case& c :
+         {Case{512, 512}, Case{1024, 1024}, Case{2048, 2048}, Case{4096, 4096}, Case{8192, 512}, Case{65536, 512}}) {
         Device device(BootImage(c.cluster));
         device.volume.LoadBootupData(0);
         EXPECT_EQ(device.volume.GetClusterSize(), c.cluster);

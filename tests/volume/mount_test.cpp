@@ -34,8 +34,8 @@ TEST(Mount, EveryFixtureMountsWithItsGeometry) {
         EXPECT_EQ(std::to_string(volume->GetClusterSize()), info.at("Cluster Size"));
         EXPECT_EQ(std::to_string(volume->GetFileRecordSize()), info.at("MFT Record Size"));
         EXPECT_EQ(std::to_string(volume->GetIndexRecordSize()), info.at("Index Block Size"));
-        const std::string version = std::to_string(volume->GetVersionMajor()) + "." +
-                                    std::to_string(volume->GetVersionMinor());
+        const std::string version =
+            std::to_string(volume->GetVersionMajor()) + "." + std::to_string(volume->GetVersionMinor());
         EXPECT_EQ(version, info.at("Volume Version"));
         const int expectedVirtual = volume->GetClusterSize() > 4096 ? 512 : volume->GetClusterSize();
         EXPECT_EQ(volume->GetVirtualClusterSize(), expectedVirtual);
