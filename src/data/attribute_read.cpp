@@ -83,7 +83,8 @@ unsigned int CFullFileRecord::StepRun(_RUN_CURSOR* cursor) {
         return ERROR_SUCCESS;
     }
     cursor->RunLength = next.Length;
-    cursor->Lcn = cursor->PreviousLcn + next.Offset;
+    // Deltas of a damaged list can carry the LCN past 64 bits.
+    if (__builtin_add_overflow(cursor->PreviousLcn, next.Offset, &cursor->Lcn)) return ERROR_FILE_CORRUPT;
     return ERROR_SUCCESS;
 }
 
@@ -99,7 +100,10 @@ unsigned int CFullFileRecord::AdvanceRunCursor(_RUN_CURSOR* cursor) {
             if (!piece->IsResident()) {
                 cursor->LowestVcn = piece->GetLowestVcn();
                 cursor->HighestVcn = piece->GetHighestVcn();
-                cursor->RunOffset = cursor->Vcn - cursor->LowestVcn;
+                // Only a damaged piece's lowest VCN puts this beyond 64 bits.
+                if (__builtin_sub_overflow(cursor->Vcn, cursor->LowestVcn, &cursor->RunOffset)) {
+                    return ERROR_FILE_CORRUPT;
+                }
             } else {
                 cursor->LowestVcn = -1;
                 cursor->HighestVcn = -1;
@@ -110,10 +114,13 @@ unsigned int CFullFileRecord::AdvanceRunCursor(_RUN_CURSOR* cursor) {
         if (code != ERROR_SUCCESS) return code;
     }
     // A run list is at most a record long, so this walk ends; a run of a
-    // negative or zero length simply steps on.
+    // negative or zero length simply steps on, unless a damaged length
+    // would carry the offset beyond 64 bits.
     while (cursor->RunOffset >= cursor->RunLength) {
         if (cursor->Run >= cursor->RunLimit || *cursor->Run == 0) return ERROR_BEYOND_END_OF_VALUE;
-        cursor->RunOffset -= cursor->RunLength;
+        if (__builtin_sub_overflow(cursor->RunOffset, cursor->RunLength, &cursor->RunOffset)) {
+            return ERROR_FILE_CORRUPT;
+        }
         const unsigned int code = StepRun(cursor);
         if (code != ERROR_SUCCESS) return code;
     }
