@@ -113,22 +113,6 @@ Field Pick(const Field (&fields)[N], uint8_t selector) {
     return fields[selector % N];
 }
 
-// Offsets of the attributes of a FILE record image, walked by their length
-// fields as far as they stay inside the image.
-std::vector<int> AttributeOffsets(const std::vector<uint8_t>& record) {
-    std::vector<int> offsets;
-    int at = ReadU16(record.data(), kFileFirstAttributeOffset);
-    const int size = static_cast<int>(record.size());
-    while (at >= 0 && at + 16 <= size && offsets.size() < 64) {
-        if (ReadU32(record.data(), at) == kAttributeEndMarker) break;
-        offsets.push_back(at);
-        const uint32_t length = ReadU32(record.data(), at + kAttributeLengthOffset);
-        if (length < 16 || length > static_cast<uint32_t>(size)) break;
-        at += static_cast<int>(length);
-    }
-    return offsets;
-}
-
 // Offsets (in the image) of the entries of an INDX record, walked by their
 // lengths inside the node.
 std::vector<int> EntryOffsets(const std::vector<uint8_t>& record) {
@@ -273,6 +257,20 @@ bool FixupGeometry(const std::vector<uint8_t>& record, int* offset, int* count) 
 }
 
 }  // namespace
+
+std::vector<int> AttributeOffsets(const std::vector<uint8_t>& record) {
+    std::vector<int> offsets;
+    int at = ReadU16(record.data(), kFileFirstAttributeOffset);
+    const int size = static_cast<int>(record.size());
+    while (at >= 0 && at + 16 <= size && offsets.size() < 64) {
+        if (ReadU32(record.data(), at) == kAttributeEndMarker) break;
+        offsets.push_back(at);
+        const uint32_t length = ReadU32(record.data(), at + kAttributeLengthOffset);
+        if (length < 16 || length > static_cast<uint32_t>(size)) break;
+        at += static_cast<int>(length);
+    }
+    return offsets;
+}
 
 uint8_t ByteReader::U8() {
     return Position < Size ? Data[Position++] : 0;

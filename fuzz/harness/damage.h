@@ -65,6 +65,10 @@ struct ImageMap {
 bool RemoveFixups(std::vector<uint8_t>* record);
 bool ApplyFixups(std::vector<uint8_t>* record);
 
+// Offsets of the attributes of a FILE record image (update sequence
+// removed), walked by their length fields as far as they stay inside it.
+std::vector<int> AttributeOffsets(const std::vector<uint8_t>& record);
+
 // Applies 1 to 4 edits read from `reader` to `storage`.
 void ApplyDamage(ByteReader* reader, const ImageMap& map, OverlayStorage* storage);
 

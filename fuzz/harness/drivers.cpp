@@ -230,9 +230,7 @@ void ReplaceList(const Fixture& fixture, int64_t record, uint8_t choice, const s
         std::vector<uint8_t> bytes(static_cast<size_t>(structure.Size));
         storage->ReadBytes(structure.Offset, bytes.data(), bytes.size());
         if (!RemoveFixups(&bytes) || !BelongsTo(bytes, record)) continue;
-        int at = ReadU16(bytes.data(), kFileFirstAttributeOffset);
-        for (int i = 0; i < 32 && at + 24 <= structure.Size; ++i) {
-            if (ReadU32(bytes.data(), at) == kAttributeEndMarker) break;
+        for (const int at : AttributeOffsets(bytes)) {
             const int length = static_cast<int>(ReadU32(bytes.data(), at + kAttributeLengthOffset));
             if (length < 24 || at + length > structure.Size) break;
             if (bytes[at + kAttributeNonResidentOffset] != 0) {
@@ -243,7 +241,6 @@ void ReplaceList(const Fixture& fixture, int64_t record, uint8_t choice, const s
                 areas.push_back({structure.Offset, value,
                                  value + static_cast<int>(ReadU32(bytes.data(), at + kResidentValueLengthOffset))});
             }
-            at += length;
         }
     }
     if (areas.empty()) return;

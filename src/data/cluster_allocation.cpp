@@ -58,7 +58,8 @@ unsigned int CNTFSVolume::FreeClusters(int64_t* start, int count) {
 }
 
 unsigned int CNTFSVolume::FreeAttributeClusters(CAttribute* attribute) {
-    // Whatever the frees report, the attribute's clusters are given up: 0.
+    // Whatever the frees report, the attribute's clusters are given up: 0,
+    // unless the run list is damaged (below).
     if (attribute->IsResident() || ClusterBitmap == nullptr) return ERROR_SUCCESS;
     const int runListOffset = ReadU16(attribute->Header, kNonResidentRunListOffsetOffset);
     const int64_t clusters = ClusterBitmap->GetItemCount();
