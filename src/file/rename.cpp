@@ -10,6 +10,7 @@
 // which holds the directory's, and under the exclusive lock of the file's
 // record.
 #include <cstring>
+#include <new>
 
 #include "file/file_handle.h"
 #include "file/find_handle.h"
@@ -49,6 +50,21 @@ int NameOfValue(CAttribute* attribute, char16_t* name) {
     for (int i = 0; i < units; ++i) name[i] = ReadU16(value, kFileNameUnitsOffset + 2 * i);
     name[units] = 0;
     return units;
+}
+
+// Whether `directory` holds an entry of exactly `name` (folded): 0 when it
+// does, ERROR_FILE_NOT_FOUND when not, or the search's code.
+unsigned int FindExactName(CDirectory* directory, CNTFSVolume* volume, const char16_t* name) {
+    for (const char16_t* unit = name; *unit != 0; ++unit) {
+        if (*unit == u'*' || *unit == u'?') return ERROR_FILE_NOT_FOUND;  // no exact search: the index decides
+    }
+    auto* search = new (std::nothrow) CFindHandle(directory, volume);
+    if (search == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+    unsigned int code = ERROR_NOT_ENOUGH_MEMORY;
+    const uint8_t* entry = nullptr;
+    if (search->SetPattern(name)) code = search->FindFirst(&entry);
+    delete search;
+    return code;
 }
 
 unsigned int RemoveFromIndex(CDirectory* directory, char16_t* name) {
@@ -99,6 +115,17 @@ unsigned int CFileHandle::Rename(const char16_t* oldName, const char16_t* newNam
             code = ERROR_FILE_CORRUPT;
             break;
         }
+        // Deviation for safety: a new name the directory holds already ends
+        // the rename here, before the record changes. In a file with an
+        // attribute list every removal and insertion of an attribute rewrites
+        // the list in new clusters and writes the records at once, which the
+        // restore of the record image cannot take back: the refused rename
+        // would leave clusters and an extension record taken.
+        code = FindExactName(directory, Volume, newName);
+        if (code == ERROR_SUCCESS) code = ERROR_FILE_CORRUPT;
+        if (code != ERROR_FILE_NOT_FOUND) break;
+        code = ERROR_SUCCESS;
+
         uint8_t entry[kTemplateBytes] = {};
         std::memcpy(entry + kEntryKeyOffset, found->GetValue(), kFixedValueBytes);
         const uint8_t oldSpace = ReadU8(found->GetValue(), kFileNameNamespaceOffset);

@@ -22,6 +22,7 @@
 #include "index/index_test_util.h"
 #include "record/full_file_record.h"
 #include "record/layout.h"
+#include "support/cluster_audit.h"
 #include "support/fixture.h"
 #include "support/mounted_volume.h"
 #include "support/tools.h"
@@ -160,8 +161,8 @@ public:
     bool Ready() const { return ready_; }
     CNTFSVolume* Volume() { return mounted_->Volume(); }
     MountedVolume& Mounted() { return *mounted_; }
-    // Unmounts, mounts the written image afresh, and checks that the readers
-    // and the library list `directory` alike, and that ntfsfix finds no fault.
+    // Unmounts, mounts the written image afresh, and gives what the readers
+    // list of `directory` and what ntfsfix says.
     ToolView RemountAndView(const std::u16string& directory, int64_t number) {
         const std::string image = mounted_->UnmountToFile();
         const std::vector<uint8_t> bytes = ReadWhole(image);
@@ -171,16 +172,41 @@ public:
         EXPECT_TRUE(ready_);
         return view;
     }
+    // The readers list what the index holds: the long listing every name
+    // but the DOS-only ones, the short listing every name but the
+    // Win32-only ones (system files left out). The library lists each file
+    // under one of its long names, with its short name.
     void RemountAndCompare(const std::u16string& directory, int64_t number) {
         const ToolView view = RemountAndView(directory, number);
         ASSERT_TRUE(ready_);
         std::set<std::pair<int64_t, std::string>> longNames;
         std::set<std::pair<int64_t, std::string>> shortNames;
-        ListWithLibrary(Volume(), directory, &longNames, &shortNames);
+        const std::u16string path = directory.empty() ? u"\\." : directory;
+        for (const auto& [name, record] : IndexOf(Volume(), number, path.c_str())) {
+            if (name[0] == u'$' || name == u".") continue;
+            int space = -1;
+            for (const RecordName& held : NamesOfRecord(Volume(), record)) {
+                if (held.Name == name && held.Parent == number) space = held.Space;
+            }
+            EXPECT_NE(space, -1) << "the index names a record without that name: " << Narrow(name);
+            if (space != kNamespaceDos) longNames.insert({record, Narrow(name)});
+            if (space != 1) shortNames.insert({record, Narrow(name)});
+        }
+        std::set<std::pair<int64_t, std::string>> fls;
+        for (const auto& item : view.Fls) {
+            if (item.second[0] != '$') fls.insert(item);
+        }
         EXPECT_EQ(view.Long, longNames);
         EXPECT_EQ(view.Short, shortNames);
-        EXPECT_EQ(view.Fls, longNames);
+        EXPECT_EQ(fls, longNames);
         EXPECT_EQ(view.FixStatus, 0);
+        const test::ClusterAudit audit = test::AuditClusters(Volume());
+        EXPECT_TRUE(audit.Clean()) << audit.First;
+        std::set<std::pair<int64_t, std::string>> listed;
+        std::set<std::pair<int64_t, std::string>> listedShort;
+        ListWithLibrary(Volume(), directory, &listed, &listedShort);
+        for (const auto& item : listed) EXPECT_EQ(longNames.count(item), 1u) << item.second;
+        for (const auto& item : listedShort) EXPECT_EQ(shortNames.count(item), 1u) << item.second;
     }
 
 private:
@@ -260,6 +286,214 @@ TEST(Rename, ALongNameGetsAShortOneAndBothGoWhenTheNextNeedsNone) {
         EXPECT_EQ(view.Fls, view.Long);
         EXPECT_EQ(view.FixStatus, 0);
     }
+}
+
+TEST(Rename, RefusalsLeaveEveryNameAsItWas) {
+    Remountable volume("c4k");
+    ASSERT_TRUE(volume.Ready());
+    CNTFSVolume* ntfs = volume.Volume();
+    const auto linked = NamesOfRecord(ntfs, 98);
+    const auto readme = NamesOfRecord(ntfs, 64);
+    const auto oneByte = NamesOfRecord(ntfs, 83);
+    ASSERT_EQ(linked.size(), 3u);
+
+    struct Refusal {
+        const char16_t* From;
+        std::u16string To;
+        unsigned int Code;
+    };
+    const std::vector<Refusal> refusals = {
+        {u"\\readme.txt", u"a:b", ERROR_INVALID_PARAMETER},
+        {u"\\readme.txt", u"a|b", ERROR_INVALID_PARAMETER},
+        {u"\\readme.txt", u"", ERROR_INVALID_PARAMETER},
+        {u"\\readme.txt", std::u16string(256, u'x'), ERROR_INVALID_PARAMETER},
+        // A directory is refused by the open.
+        {u"\\docs", u"papers", ERROR_INVALID_PARAMETER},
+        {u"\\no such file.txt", u"x.txt", ERROR_FILE_NOT_FOUND},
+        {u"\\no dir\\file.txt", u"x.txt", ERROR_FILE_NOT_FOUND},
+        // The name of another file, and another name of the same file.
+        {u"\\readme.txt", u"Empty.dat", ERROR_FILE_CORRUPT},
+        {u"\\links\\original.txt", u"same-dir-link.txt", ERROR_FILE_CORRUPT},
+        // A change of case alone meets the old entry.
+        {u"\\readme.txt", u"README.TXT", ERROR_FILE_CORRUPT},
+        // A long name whose short name is free, onto an existing long name.
+        {u"\\data\\one-byte.bin", u"Large Text File.log", ERROR_FILE_CORRUPT},
+    };
+    for (const Refusal& refusal : refusals) {
+        SCOPED_TRACE(Narrow(refusal.From) + " -> " + Narrow(refusal.To.substr(0, 20)));
+        EXPECT_EQ(ntfs->RenameFile(refusal.From, refusal.To.c_str()), 0);
+        EXPECT_EQ(ntfs->GetLastError(), refusal.Code);
+    }
+    EXPECT_EQ(NamesOfRecord(ntfs, 98), linked);
+    EXPECT_EQ(NamesOfRecord(ntfs, 64), readme);
+    EXPECT_EQ(NamesOfRecord(ntfs, 83), oneByte);
+
+    // An open file: by its path in any case, 5; the open handle still works.
+    void* open = ntfs->CreateFileA(u"\\readme.txt", 0, kOpenExisting, kAccessRead | kAccessShareRead);
+    ASSERT_NE(open, nullptr);
+    EXPECT_EQ(ntfs->RenameFile(u"\\readme.txt", u"other.txt"), 0);
+    EXPECT_EQ(ntfs->GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(ntfs->RenameFile(u"\\README.TXT", u"other.txt"), 0);
+    EXPECT_EQ(ntfs->GetLastError(), ERROR_ACCESS_DENIED);
+    char buffer[200] = {};
+    int done = 0;
+    EXPECT_EQ(ntfs->ReadFile(open, buffer, sizeof(buffer), &done), 1);
+    EXPECT_EQ(done, 180);
+    EXPECT_EQ(ntfs->CloseFileHandle(open), 1);
+    EXPECT_EQ(NamesOfRecord(ntfs, 64), readme);
+
+    volume.RemountAndCompare(u"", 5);
+    volume.RemountAndCompare(u"\\links", 97);
+    volume.RemountAndCompare(u"\\data", 78);
+    EXPECT_EQ(NamesOfRecord(volume.Volume(), 98), linked);
+}
+
+// The FILE records a stretch of the write log wrote, by number, in order;
+// -1 for a write of anything else.
+std::vector<int64_t> RecordsWritten(const std::vector<test::FaultStorage::WriteEntry>& log, size_t from) {
+    std::vector<int64_t> records;
+    for (size_t i = from; i < log.size(); ++i) {
+        const std::vector<uint8_t>& bytes = log[i].bytes;
+        const bool file = bytes.size() == 1024 && ReadU32(bytes.data(), kFileMagicOffset) == kFileRecordMagic;
+        records.push_back(file ? static_cast<int64_t>(ReadU32(bytes.data(), kFileRecordNumberLowOffset)) : -1);
+    }
+    return records;
+}
+
+using IndexNames = std::set<std::pair<std::u16string, int64_t>>;
+
+TEST(Rename, NewNamesThenTheRecordThenTheOldNamesLeave) {
+    MountedVolume mounted("c4k");
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* ntfs = mounted.Volume();
+    const std::vector<uint8_t> before = mounted.Memory().Bytes();
+    const size_t start = mounted.Faults().WriteLog().size();
+    ASSERT_EQ(ntfs->RenameFile(u"\\MiXeD\\CaSe\\NaMe.TxT", u"Long Mixed Name.txt"), 1);
+    const std::vector<int64_t> written = RecordsWritten(mounted.Faults().WriteLog(), start);
+    // The long name's entry, the short name's entry, the file's record, the
+    // old entry's removal.
+    EXPECT_EQ(written, (std::vector<int64_t>{kCaseDirectory, kCaseDirectory, kCaseFile, kCaseDirectory}));
+
+    const auto oldNames = Names({{u"NaMe.TxT", 0, kCaseDirectory}});
+    const auto newNames = Names({{u"Long Mixed Name.txt", 1, kCaseDirectory}, {u"LONGM~1.TXT", 2, kCaseDirectory}});
+    const std::vector<IndexNames> indexAfter = {
+        {{u"NaMe.TxT", kCaseFile}},
+        {{u"NaMe.TxT", kCaseFile}, {u"Long Mixed Name.txt", kCaseFile}},
+        {{u"NaMe.TxT", kCaseFile}, {u"Long Mixed Name.txt", kCaseFile}, {u"LONGM~1.TXT", kCaseFile}},
+        {{u"NaMe.TxT", kCaseFile}, {u"Long Mixed Name.txt", kCaseFile}, {u"LONGM~1.TXT", kCaseFile}},
+        {{u"Long Mixed Name.txt", kCaseFile}, {u"LONGM~1.TXT", kCaseFile}},
+    };
+    // Power cut after k writes: the record holds all old names or all new
+    // ones, and the index holds every name the record holds.
+    for (size_t k = 0; k <= written.size(); ++k) {
+        SCOPED_TRACE("cut after write " + std::to_string(k));
+        std::vector<uint8_t> image = before;
+        test::FaultStorage::Replay(mounted.Faults().WriteLog(), start + k, &image);
+        MountedVolume survivor(std::move(image));
+        ASSERT_EQ(survivor.Mount(), 1);
+        EXPECT_EQ(NamesOfRecord(survivor.Volume(), kCaseFile), k < 3 ? oldNames : newNames);
+        EXPECT_EQ(IndexOf(survivor.Volume(), kCaseDirectory, u"\\MiXeD\\CaSe"), indexAfter[k]);
+        survivor.Volume()->Umount();
+    }
+
+    // Back to a name that needs no short one: its entry, the record, then
+    // the old long name and its partner.
+    const size_t second = mounted.Faults().WriteLog().size();
+    ASSERT_EQ(ntfs->RenameFile(u"\\MiXeD\\CaSe\\Long Mixed Name.txt", u"name.txt"), 1);
+    EXPECT_EQ(RecordsWritten(mounted.Faults().WriteLog(), second),
+              (std::vector<int64_t>{kCaseDirectory, kCaseFile, kCaseDirectory, kCaseDirectory}));
+    ntfs->Umount();
+}
+
+TEST(Rename, AFailedRecordWriteKeepsTheOldNames) {
+    Remountable volume("c4k");
+    ASSERT_TRUE(volume.Ready());
+    CNTFSVolume* ntfs = volume.Volume();
+    test::FaultStorage& faults = volume.Mounted().Faults();
+    const size_t start = faults.WriteLog().size();
+    // The third write of the rename is the file's record.
+    faults.FailNthWrite(faults.Writes() + 3, ERROR_IO_DEVICE);
+    EXPECT_EQ(ntfs->RenameFile(u"\\MiXeD\\CaSe\\NaMe.TxT", u"Long Mixed Name.txt"), 0);
+    EXPECT_EQ(ntfs->GetLastError(), ERROR_IO_DEVICE);
+    faults.Heal();
+    const std::vector<int64_t> written = RecordsWritten(faults.WriteLog(), start);
+    ASSERT_GE(written.size(), 2u);
+    EXPECT_EQ(written.back(), kCaseFile);  // the restored record, written again
+    const auto oldNames = Names({{u"NaMe.TxT", 0, kCaseDirectory}});
+    EXPECT_EQ(NamesOfRecord(ntfs, kCaseFile), oldNames);
+    EXPECT_EQ(IndexOf(ntfs, kCaseDirectory, u"\\MiXeD\\CaSe"), (IndexNames{{u"NaMe.TxT", kCaseFile}}));
+    volume.RemountAndCompare(u"\\MiXeD\\CaSe", kCaseDirectory);
+    ntfs = volume.Volume();
+    EXPECT_EQ(NamesOfRecord(ntfs, kCaseFile), oldNames);
+
+    // The file is whole and can be renamed after all.
+    void* file = ntfs->CreateFileA(u"\\MiXeD\\CaSe\\NaMe.TxT", 0, kOpenExisting, kAccessRead);
+    ASSERT_NE(file, nullptr);
+    char buffer[400] = {};
+    int done = 0;
+    EXPECT_EQ(ntfs->ReadFile(file, buffer, sizeof(buffer), &done), 1);
+    EXPECT_EQ(done, 321);
+    EXPECT_EQ(ntfs->CloseFileHandle(file), 1);
+    ASSERT_EQ(ntfs->RenameFile(u"\\MiXeD\\CaSe\\NaMe.TxT", u"Long Mixed Name.txt"), 1);
+    volume.RemountAndCompare(u"\\MiXeD\\CaSe", kCaseDirectory);
+}
+
+TEST(Rename, ShortNameTailsAreCountedPerMountAndSkipNamesOnTheVolume) {
+    Remountable volume("c4k");
+    ASSERT_TRUE(volume.Ready());
+    const auto shortNameOf = [&](int64_t record) {
+        for (const RecordName& name : NamesOfRecord(volume.Volume(), record)) {
+            if (name.Space == kNamespaceDos) return name.Name;
+        }
+        return std::u16string(u"(none)");
+    };
+    const auto rename = [&](const char16_t* from, const char16_t* to) {
+        EXPECT_EQ(volume.Volume()->RenameFile(from, to), 1) << Narrow(from) << " -> " << Narrow(to);
+    };
+    rename(u"\\data\\one-byte.bin", u"Long File Name.txt");
+    EXPECT_EQ(shortNameOf(83), u"LONGF~1.TXT");
+    rename(u"\\data\\small-600.bin", u"Long File Name 2.txt");
+    EXPECT_EQ(shortNameOf(84), u"LONGF~2.TXT");
+    rename(u"\\data\\Long File Name.txt", u"plain.bin");  // LONGF~1.TXT is free again
+    rename(u"\\data\\exact-cluster.bin", u"Long File Name 3.txt");
+    EXPECT_EQ(shortNameOf(81), u"LONGF~3.TXT");  // the counter goes on
+    volume.RemountAndCompare(u"\\data", 78);
+
+    // A new mount forgets the counters: the search starts at ~1 again.
+    rename(u"\\data\\cluster-plus-one.bin", u"Long File Name 4.txt");
+    EXPECT_EQ(shortNameOf(82), u"LONGF~1.TXT");
+    rename(u"\\data\\plain.bin", u"Long File Name 5.txt");
+    EXPECT_EQ(shortNameOf(83), u"LONGF~4.TXT");  // ~2 and ~3 are taken
+    // A name that is itself 8.3 blocks the candidate it equals.
+    rename(u"\\data\\Large Text File.log", u"longf~5.txt");
+    EXPECT_EQ(NamesOfRecord(volume.Volume(), 80), Names({{u"longf~5.txt", 3, 78}}));
+    rename(u"\\data\\large-random.bin", u"Long File Name 6.txt");
+    EXPECT_EQ(shortNameOf(79), u"LONGF~6.TXT");
+    volume.RemountAndCompare(u"\\data", 78);
+}
+
+TEST(Rename, OpenEnumerationsGoOnAfterARename) {
+    MountedVolume mounted("c4k");
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* ntfs = mounted.Volume();
+    _FIND_FILE_DATA data{};
+    void* find = ntfs->FindFirstFileA(u"\\data\\*", &data);
+    ASSERT_NE(find, nullptr);
+    std::vector<std::u16string> seen = {data.FileName};
+    ASSERT_EQ(ntfs->FindNextFileA(find, &data), 1);
+    seen.push_back(data.FileName);
+    ASSERT_EQ(seen, (std::vector<std::u16string>{u"big-alias.txt", u"cluster-plus-one.bin"}));
+    // The name last delivered moves on (its file was delivered: not again),
+    // one not yet delivered moves to the end, one moves in front.
+    ASSERT_EQ(ntfs->RenameFile(u"\\data\\cluster-plus-one.bin", u"cpo.bin"), 1);
+    ASSERT_EQ(ntfs->RenameFile(u"\\data\\exact-cluster.bin", u"zzz.bin"), 1);
+    ASSERT_EQ(ntfs->RenameFile(u"\\data\\small-600.bin", u"aaa.bin"), 1);
+    std::vector<std::u16string> rest;
+    while (ntfs->FindNextFileA(find, &data)) rest.push_back(data.FileName);
+    EXPECT_EQ(ntfs->GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(rest,
+              (std::vector<std::u16string>{u"Large Text File.log", u"large-random.bin", u"one-byte.bin", u"zzz.bin"}));
+    EXPECT_EQ(ntfs->CloseFindHandle(find), 1);
 }
 
 }  // namespace
