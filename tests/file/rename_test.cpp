@@ -10,6 +10,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <ostream>
 #include <set>
 #include <string>
 #include <tuple>
@@ -46,6 +47,10 @@ struct RecordName {
         return std::tie(Parent, Name, Space) < std::tie(other.Parent, other.Name, other.Space);
     }
 };
+
+void PrintTo(const RecordName& name, std::ostream* out) {
+    *out << Narrow(name.Name) << " (namespace " << name.Space << ", in " << name.Parent << ")";
+}
 
 std::set<RecordName> NamesOfRecord(CNTFSVolume* volume, int64_t number) {
     std::set<RecordName> names;
@@ -494,6 +499,43 @@ TEST(Rename, OpenEnumerationsGoOnAfterARename) {
     EXPECT_EQ(rest,
               (std::vector<std::u16string>{u"Large Text File.log", u"large-random.bin", u"one-byte.bin", u"zzz.bin"}));
     EXPECT_EQ(ntfs->CloseFindHandle(find), 1);
+}
+
+TEST(Rename, FilesWithSeveralRecordsAndNamesInLargeDirectories) {
+    Remountable volume("c4k");
+    ASSERT_TRUE(volume.Ready());
+    CNTFSVolume* ntfs = volume.Volume();
+    // Record 98 keeps its names in an extension record behind an attribute
+    // list, two in \links and one in \docs; only the renamed one changes.
+    ASSERT_EQ(ntfs->RenameFile(u"\\links\\original.txt", u"The Original Text.txt"), 1) << ntfs->GetLastError();
+    EXPECT_EQ(NamesOfRecord(ntfs, 98), Names({{u"The Original Text.txt", 1, 97},
+                                              {u"THEOR~1.TXT", 2, 97},
+                                              {u"same-dir-link.txt", 0, 97},
+                                              {u"cross-dir-link.txt", 0, 67}}));
+    // The root's index lives in index records.
+    ASSERT_EQ(ntfs->RenameFile(u"\\readme.txt", u"Read Me First.txt"), 1) << ntfs->GetLastError();
+    EXPECT_EQ(NamesOfRecord(ntfs, 64), Names({{u"Read Me First.txt", 1, 5}, {u"READM~1.TXT", 2, 5}}));
+    // The longest name there is, in and out.
+    const std::u16string longest(255, u'n');
+    ASSERT_EQ(ntfs->RenameFile(u"\\long\\A file name that is quite long but well below the limit, with spaces and "
+                               u"MixedCase.Text",
+                               longest.c_str()),
+              1)
+        << ntfs->GetLastError();
+    EXPECT_EQ(NamesOfRecord(ntfs, 103), Names({{longest, 1, 101}, {u"NNNNNN~1", 2, 101}}));
+    volume.RemountAndCompare(u"\\links", 97);
+    volume.RemountAndCompare(u"", 5);
+    volume.RemountAndCompare(u"\\long", 101);
+    ntfs = volume.Volume();
+    ASSERT_EQ(ntfs->RenameFile((u"\\long\\" + longest).c_str(), u"short.txt"), 1) << ntfs->GetLastError();
+    ASSERT_EQ(ntfs->RenameFile(u"\\links\\THEOR~1.TXT", u"again.txt"), 1) << ntfs->GetLastError();
+    EXPECT_EQ(NamesOfRecord(ntfs, 98), Names({{u"The Original Text.txt", 1, 97},
+                                              {u"again.txt", 3, 97},
+                                              {u"same-dir-link.txt", 0, 97},
+                                              {u"cross-dir-link.txt", 0, 67}}));
+    volume.RemountAndCompare(u"\\long", 101);
+    volume.RemountAndCompare(u"\\links", 97);
+    volume.RemountAndCompare(u"\\docs", 67);
 }
 
 }  // namespace
