@@ -93,14 +93,22 @@ struct ToolView {
     int FixStatus = -1;
 };
 
-std::set<std::pair<int64_t, std::string>> ParseNtfsls(const std::string& output) {
-    std::set<std::pair<int64_t, std::string>> names;
+std::vector<std::string> SplitLines(const std::string& output) {
+    std::vector<std::string> lines;
     size_t at = 0;
     while (at < output.size()) {
         size_t end = output.find('\n', at);
         if (end == std::string::npos) end = output.size();
-        const std::string line = output.substr(at, end - at);
+        lines.push_back(output.substr(at, end - at));
         at = end + 1;
+    }
+    return lines;
+}
+
+// ntfsls -i: "   87 name" lines, with . and .. left out.
+std::set<std::pair<int64_t, std::string>> ParseNtfsls(const std::string& output) {
+    std::set<std::pair<int64_t, std::string>> names;
+    for (const std::string& line : SplitLines(output)) {
         long long record = 0;
         int used = 0;
         if (std::sscanf(line.c_str(), " %lld %n", &record, &used) != 1 || used <= 0) continue;
@@ -110,17 +118,15 @@ std::set<std::pair<int64_t, std::string>> ParseNtfsls(const std::string& output)
     return names;
 }
 
+// fls: "r/r 87-128-2:<tab>name" lines.
 std::set<std::pair<int64_t, std::string>> ParseFls(const std::string& output) {
     std::set<std::pair<int64_t, std::string>> names;
-    size_t at = 0;
-    while (at < output.size()) {
-        size_t end = output.find('\n', at);
-        if (end == std::string::npos) end = output.size();
-        const std::string line = output.substr(at, end - at);
-        at = end + 1;
+    for (const std::string& line : SplitLines(output)) {
         const size_t tab = line.find('\t');
         long long record = 0;
-        if (tab == std::string::npos || std::sscanf(line.c_str() + 4, "%lld", &record) != 1) continue;
+        if (tab == std::string::npos || line.size() < 4 || std::sscanf(line.c_str() + 4, "%lld", &record) != 1) {
+            continue;
+        }
         names.insert({record, line.substr(tab + 1)});
     }
     return names;
