@@ -7,8 +7,9 @@
 // from its last commit, so the old names stay.
 //
 // The worker runs under the exclusive lock of the file handle's find object,
-// which holds the directory's, and under the exclusive lock of the file's
-// record.
+// which holds the directory's. It takes no lock of the file's record: a
+// handle being closed holds that lock while it waits for its find object,
+// which may stand on this same directory (another name of the file).
 #include <cstring>
 #include <new>
 
@@ -84,7 +85,6 @@ unsigned int CFileHandle::Rename(const char16_t* oldName, const char16_t* newNam
     CDirectory* directory = FindHandle->GetDirectory();
     CFullFileRecord* record = FileRecord;
     FindHandle->LockExclusive();
-    record->LockExclusive();
 
     // The names this rename put into the index, taken out again when a
     // later step fails.
@@ -190,7 +190,6 @@ unsigned int CFileHandle::Rename(const char16_t* oldName, const char16_t* newNam
     // record's old image comes back, and an entry left behind would name a
     // record that does not hold that name.
     while (addedCount > 0) (void)RemoveFromIndex(directory, added[--addedCount]);
-    record->UnlockExclusive();
     FindHandle->UnlockExclusive();
     return code;
 }
