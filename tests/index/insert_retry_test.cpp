@@ -21,20 +21,10 @@
 namespace ntfs {
 namespace {
 
-constexpr int64_t kTargetRecord = 65;  // \Empty.dat
-
 std::u16string RetryName(int number) {
     std::string text = "Retry test name " + std::to_string(10000 + number) + " ";
     text.append(100, 'r');
     return std::u16string(text.begin(), text.end());
-}
-
-unsigned int InsertName(CDirectory* directory, const std::u16string& name) {
-    directory->ModifiedRecords.Clear();
-    directory->AbateRecords.Clear();
-    directory->NewRecords.Clear();
-    std::unique_ptr<CIndexEntry> entry(test::MakeEntry(name, kTargetRecord));
-    return directory->InsertEntry(directory->GetIndexRoot(), entry.get());
 }
 
 CAttribute* IndexAllocation(CDirectory* directory) {
@@ -61,7 +51,7 @@ TEST(InsertRetry, RootMovedByANewAttributeListIsTakenAtItsNewPlace) {
     while (IndexAllocation(directory) == nullptr) {
         ASSERT_LT(names.size(), 40u);
         names.push_back(RetryName(static_cast<int>(names.size())));
-        ASSERT_EQ(InsertName(directory, names.back()), ERROR_SUCCESS);
+        ASSERT_EQ(scratch.InsertName(names.back()), ERROR_SUCCESS);
     }
     const int entryLength = IndexEntrySize(static_cast<int>(RetryName(0).size()));
     for (;;) {
@@ -70,10 +60,10 @@ TEST(InsertRetry, RootMovedByANewAttributeListIsTakenAtItsNewPlace) {
         ASSERT_TRUE(leaf->IsLeaf());
         if (static_cast<int>(leaf->GetBytesAllocated() - leaf->GetBytesInUse()) < 2 * entryLength) break;
         names.push_back(RetryName(static_cast<int>(names.size())));
-        ASSERT_EQ(InsertName(directory, names.back()), ERROR_SUCCESS);
+        ASSERT_EQ(scratch.InsertName(names.back()), ERROR_SUCCESS);
     }
     names.push_back(RetryName(static_cast<int>(names.size())));
-    ASSERT_EQ(InsertName(directory, names.back()), ERROR_SUCCESS);
+    ASSERT_EQ(scratch.InsertName(names.back()), ERROR_SUCCESS);
     ASSERT_EQ(file->FindAttribute(AttributeAttributeList, nullptr, 0, 0), nullptr);
 
     // The base record without a free byte; then growths of the index, each
@@ -137,7 +127,7 @@ TEST(InsertRetry, RootMovedByANewAttributeListIsTakenAtItsNewPlace) {
     // after $INDEX_ALLOCATION moved out and the list came in ahead of the root.
     testing::internal::CaptureStdout();
     names.push_back(RetryName(static_cast<int>(names.size())));
-    const unsigned int code = InsertName(directory, names.back());
+    const unsigned int code = scratch.InsertName(names.back());
     const std::string log = testing::internal::GetCapturedStdout();
     ASSERT_EQ(code, ERROR_SUCCESS) << log;
     EXPECT_NE(log.find("There is no space to store new data in FileRecord, Adjust it."), std::string::npos);
@@ -146,11 +136,7 @@ TEST(InsertRetry, RootMovedByANewAttributeListIsTakenAtItsNewPlace) {
     std::sort(names.begin(), names.end(), test::IndexLess);
     EXPECT_EQ(test::WalkNames(directory), names);
 
-    directory->UnlockExclusive();
-    directory->Release();
-    scratch.directory = nullptr;
-    scratch.mounted.Volume()->Umount();
-    test::MountedVolume again(scratch.mounted.Memory().Bytes());
+    test::MountedVolume again(scratch.Unmount());
     ASSERT_EQ(again.Mount(), 1);
     CDirectory* reopened = nullptr;
     ASSERT_EQ(again.Volume()->ReferenceDirectory(66, u"\\EmptyDir", &reopened), ERROR_SUCCESS);
