@@ -17,13 +17,6 @@
 namespace ntfs {
 namespace {
 
-using test::Folded;
-using test::MountedVolume;
-using test::Narrow;
-
-constexpr int64_t kEmptyDirRecord = 66;  // \EmptyDir of every fixture
-constexpr int64_t kTargetRecord = 65;    // \Empty.dat, the file the names point at
-
 // Names of about 120 units: a few fill the file record's root, a dozen an
 // index record.
 std::u16string LongName(int number) {
@@ -37,25 +30,18 @@ std::u16string ShortName(int number) {
     return std::u16string(text.begin(), text.end());
 }
 
-// \EmptyDir of a copy of a fixture, changed the way the file layer changes
-// it: work lists cleared before each change.
-class RemovalDirectory {
+// \EmptyDir with the names it must hold.
+class RemovalDirectory : public test::ScratchDirectory {
 public:
-    explicit RemovalDirectory(std::vector<uint8_t> image) : mounted(std::move(image)) { Open(); }
-    explicit RemovalDirectory(const std::string& fixture) : mounted(fixture) { Open(); }
-    ~RemovalDirectory() { Close(); }
+    using ScratchDirectory::ScratchDirectory;
 
     unsigned int Insert(const std::u16string& name) {
-        ClearWorkLists();
-        std::unique_ptr<CIndexEntry> entry(test::MakeEntry(name, kTargetRecord));
-        const unsigned int code = directory->InsertEntry(directory->GetIndexRoot(), entry.get());
+        const unsigned int code = InsertName(name);
         if (code == ERROR_SUCCESS) present.insert(name);
         return code;
     }
     unsigned int Remove(const std::u16string& name) {
-        ClearWorkLists();
-        const std::u16string folded = Folded(name);
-        const unsigned int code = directory->RemoveEntry(folded.c_str());
+        const unsigned int code = RemoveName(name);
         if (code == ERROR_SUCCESS) present.erase(name);
         return code;
     }
@@ -68,39 +54,11 @@ public:
         std::sort(names.begin(), names.end(), test::IndexLess);
         return names;
     }
-    // Unmounts and gives the image as the device holds it.
-    std::vector<uint8_t> Unmount() {
-        Close();
-        return mounted.Memory().Bytes();
-    }
     CAttribute* RootAttribute() {
         return directory->GetFileRecord()->FindAttribute(AttributeIndexRoot, kIndexName, kIndexNameLength, 0);
     }
 
-    MountedVolume mounted;
-    CDirectory* directory = nullptr;
-    bool ready = false;
     std::set<std::u16string> present;
-
-private:
-    void Open() {
-        ready = mounted.Mount() == 1 &&
-                mounted.Volume()->ReferenceDirectory(kEmptyDirRecord, u"\\EmptyDir", &directory) == ERROR_SUCCESS;
-        if (ready) directory->LockExclusive();
-    }
-    void Close() {
-        if (directory != nullptr) {
-            directory->UnlockExclusive();
-            directory->Release();
-            directory = nullptr;
-            mounted.Volume()->Umount();
-        }
-    }
-    void ClearWorkLists() {
-        directory->ModifiedRecords.Clear();
-        directory->AbateRecords.Clear();
-        directory->NewRecords.Clear();
-    }
 };
 
 TEST(EntryRemoval, SmallDirectoryRootShrinksByEachEntryAndEndsWithItsEndEntry) {
