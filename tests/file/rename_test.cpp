@@ -544,5 +544,48 @@ TEST(Rename, FilesWithSeveralRecordsAndNamesInLargeDirectories) {
     volume.RemountAndCompare(u"\\docs", 67);
 }
 
+// A long name that no longer fits the record beside resident data goes into
+// an extension record, and the file keeps its data.
+TEST(Rename, ANameThatDoesNotFitTheRecordGoesToAnExtensionRecord) {
+    for (const std::string fixture : {"c512", "c4k"}) {
+        SCOPED_TRACE(fixture);
+        Remountable volume(fixture);
+        ASSERT_TRUE(volume.Ready());
+        CNTFSVolume* ntfs = volume.Volume();
+        const std::u16string longest = u"A long name " + std::u16string(243, u'x');
+        ASSERT_EQ(ntfs->RenameFile(u"\\data\\small-600.bin", longest.c_str()), 1) << ntfs->GetLastError();
+        EXPECT_EQ(NamesOfRecord(ntfs, 84), Names({{longest, 1, 78}, {u"ALONG~1", 2, 78}}));
+        volume.RemountAndCompare(u"\\data", 78);
+        ntfs = volume.Volume();
+        EXPECT_EQ(NamesOfRecord(ntfs, 84), Names({{longest, 1, 78}, {u"ALONG~1", 2, 78}}));
+        void* file = ntfs->CreateFileA((u"\\data\\" + longest).c_str(), 0, kOpenExisting, kAccessRead);
+        ASSERT_NE(file, nullptr) << ntfs->GetLastError();
+        std::vector<uint8_t> bytes(700);
+        int done = 0;
+        EXPECT_EQ(ntfs->ReadFile(file, bytes.data(), static_cast<int>(bytes.size()), &done), 1);
+        ASSERT_EQ(done, 600);
+        std::string sha;
+        for (const test::ManifestEntry& entry : test::LoadManifest(fixture)) {
+            if (entry.record == 84) sha = entry.sha256;
+        }
+        EXPECT_EQ(test::Sha256Hex(bytes.data(), 600), sha);
+        EXPECT_EQ(ntfs->CloseFileHandle(file), 1);
+        // Renamed by its short name, in the base record, to a name that fits
+        // neither there nor beside the long name (whose record the placement
+        // finds with room and then leaves the name unplaced): a record of
+        // its own takes it.
+        const std::u16string second = u"Second " + std::u16string(150, u'y');
+        ASSERT_EQ(ntfs->RenameFile(u"\\data\\ALONG~1", second.c_str()), 1) << ntfs->GetLastError();
+        EXPECT_EQ(NamesOfRecord(ntfs, 84), Names({{longest, 1, 78}, {second, 1, 78}, {u"SECOND~1", 2, 78}}));
+        volume.RemountAndCompare(u"\\data", 78);
+        ntfs = volume.Volume();
+        EXPECT_EQ(NamesOfRecord(ntfs, 84), Names({{longest, 1, 78}, {second, 1, 78}, {u"SECOND~1", 2, 78}}));
+        ASSERT_EQ(ntfs->RenameFile((u"\\data\\" + longest).c_str(), u"small.bin"), 1) << ntfs->GetLastError();
+        ASSERT_EQ(ntfs->RenameFile((u"\\data\\" + second).c_str(), u"other.bin"), 1) << ntfs->GetLastError();
+        volume.RemountAndCompare(u"\\data", 78);
+        EXPECT_EQ(NamesOfRecord(volume.Volume(), 84), Names({{u"small.bin", 3, 78}, {u"other.bin", 3, 78}}));
+    }
+}
+
 }  // namespace
 }  // namespace ntfs
