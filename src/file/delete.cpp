@@ -16,6 +16,7 @@
 #include "file/find_handle.h"
 #include "foundation/endian.h"
 #include "foundation/log.h"
+#include "foundation/pointer_array.h"
 #include "foundation/platform.h"
 #include "index/directory.h"
 #include "index/index_entry.h"
@@ -116,17 +117,32 @@ unsigned int CFullFileRecord::DeleteFromVolume(CNTFSVolume* volume) {
     const uint64_t number = static_cast<uint64_t>(RecordNumber);
     LogMessage("  Delete FileRecord %04X%08XH.\n", static_cast<unsigned int>(number >> 32) & 0xFFFF,
                static_cast<unsigned int>(number));
-    for (int i = 0; i < MergedAttributes.GetCount(); ++i) {
+    // Deviation for safety: the records are given back before the clusters,
+    // from copies of the non-resident attributes. Freed first, the clusters
+    // would stay mapped by a record in use on the disk until its release
+    // lands, and a crash in between would leave them free and owned; this
+    // way a crash can only leave them taken and unowned.
+    CPointerArray pieces;
+    unsigned int code = ERROR_SUCCESS;
+    for (int i = 0; i < MergedAttributes.GetCount() && code == ERROR_SUCCESS; ++i) {
         CAttribute* attribute = MergedAttributes.At<CAttribute>(i);
         if (attribute->IsResident()) continue;
+        CAttribute* copy = attribute->Clone();
+        if (copy == nullptr || pieces.InsertAfter(pieces.GetCount(), reinterpret_cast<intptr_t>(copy)) == -2) {
+            delete copy;
+            code = ERROR_NOT_ENOUGH_MEMORY;
+        }
+    }
+    if (code == ERROR_SUCCESS) code = ReleaseExtensionRecords();
+    if (code == ERROR_SUCCESS) RemovedFromVolume = 1;
+    for (int i = 0; i < pieces.GetCount(); ++i) {
+        CAttribute* copy = pieces.At<CAttribute>(i);
         // Deviation for safety: holes (runs without a cluster of their own)
         // are passed over instead of being freed at the place of the run
         // before them, which belongs to this file or to another one.
-        const unsigned int code = volume->FreeAttributeClusters(attribute);
-        if (code != ERROR_SUCCESS) return code;
+        if (code == ERROR_SUCCESS) code = volume->FreeAttributeClusters(copy);
+        delete copy;
     }
-    const unsigned int code = ReleaseExtensionRecords();
-    if (code == ERROR_SUCCESS) RemovedFromVolume = 1;
     return code;
 }
 
