@@ -616,6 +616,40 @@ TEST(CreateDelete, RemoveDirectoryRefusesInUseBeforeNotEmpty) {
     }
 }
 
+// A name of a file with other hard links goes alone: the record, its other
+// names and its data stay, and the record on the disk loses that name too.
+TEST(CreateDelete, DeletingOneHardLinkKeepsTheFile) {
+    for (const char* fixture : kSmallClusterFixtures) {
+        Session session(fixture);
+        ASSERT_TRUE(session.Ready()) << fixture;
+        CNTFSVolume* volume = session.Volume();
+        const std::string kept = ReadAll(volume, u"\\links\\original.txt");
+        ASSERT_EQ(kept.size(), 500u) << fixture;
+        _FIND_FILE_DATA data{};
+        ASSERT_TRUE(Exists(volume, u"\\docs\\cross-dir-link.txt", &data));
+        const int64_t number = data.FileRecordNumber;
+        auto names = RecordNames(volume, number);
+        ASSERT_TRUE(DeleteByClose(volume, u"\\docs\\cross-dir-link.txt")) << volume->GetLastError();
+        EXPECT_FALSE(Exists(volume, u"\\docs\\cross-dir-link.txt"));
+        names.erase({u"cross-dir-link.txt", 1});
+        names.erase({u"cross-dir-link.txt", 0});
+        names.erase({u"cross-dir-link.txt", 3});
+        Model seen;
+        std::string ignored;
+        int status = -1;
+        session.Remount(u"\\links", &seen, &ignored, &status);
+        ASSERT_TRUE(session.Ready());
+        EXPECT_EQ(status, 0) << fixture << ": ntfsfix -n";
+        volume = session.Volume();
+        EXPECT_EQ(RecordNames(volume, number), names) << fixture;
+        EXPECT_TRUE(ReadAll(volume, u"\\links\\original.txt") == kept) << fixture;
+        EXPECT_TRUE(ReadAll(volume, u"\\links\\same-dir-link.txt") == kept) << fixture;
+        EXPECT_EQ(seen.Files.count(u"\\links\\original.txt"), 1u) << fixture;
+        const test::ClusterAudit audit = test::AuditClusters(volume);
+        EXPECT_TRUE(audit.Clean()) << audit.First;
+    }
+}
+
 // A thousand files: created and written, read back after a remount, then
 // deleted and the volume remounted; at the end the directory is empty and
 // removable, and the volume has all its clusters and records back. $MFT does
