@@ -585,6 +585,11 @@ TEST(CreateDelete, RemoveDirectoryRefusesInUseBeforeNotEmpty) {
         }
         EXPECT_EQ(volume->RemoveDirectoryA((top + u"\\absent").c_str()), 0);
         EXPECT_EQ(volume->GetLastError(), ERROR_FILE_NOT_FOUND);
+        // A file is no directory: the directory object is refused, and the
+        // file stays.
+        EXPECT_EQ(volume->RemoveDirectoryA(u"\\readme.txt"), 0);
+        EXPECT_EQ(volume->GetLastError(), ERROR_INVALID_PARAMETER);
+        EXPECT_TRUE(Exists(volume, u"\\readme.txt"));
         // Not empty: 145; open (a find handle in it) and not empty: 5 first.
         EXPECT_EQ(volume->RemoveDirectoryA(top.c_str()), 0);
         EXPECT_EQ(volume->GetLastError(), ERROR_DIR_NOT_EMPTY);
