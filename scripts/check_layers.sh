@@ -26,7 +26,7 @@ allowed=(
 # ready storages of host/.
 public=(ntfskit.h foundation/chain_element.h foundation/log.h foundation/platform.h
         volume/find_data.h volume/ntfs_volume.h volume/storage.h volume/volume.h
-        file_storage.h mapped_storage.h memory_storage.h)
+        file_layout.h file_storage.h mapped_storage.h memory_storage.h recording_storage.h)
 
 rank() {
     local i

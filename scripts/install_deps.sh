@@ -4,8 +4,9 @@
 # present.
 set -euo pipefail
 
-# clang and libclang-rt-dev (libFuzzer's runtime) build the fuzz targets.
-packages=(cmake g++ libgtest-dev libbenchmark-dev zstd ntfs-3g sleuthkit attr clang libclang-rt-dev)
+# clang and libclang-rt-dev (libFuzzer's runtime) build the fuzz targets;
+# libcli11-dev parses the ntfskit command's arguments.
+packages=(cmake g++ libgtest-dev libbenchmark-dev libcli11-dev zstd ntfs-3g sleuthkit attr clang libclang-rt-dev)
 missing=()
 for package in "${packages[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then
