@@ -150,6 +150,12 @@ unsigned int ListDirectory(CNTFSVolume* volume, CStorage* storage, const std::u1
         volume->CloseFindHandle(find);
     }
     if (code != ERROR_FILE_NOT_FOUND && code != ERROR_SUCCESS) return code;
+    // No entry at all: an empty directory, or one whose path the look-up
+    // cannot resolve.
+    Entry self;
+    if (entries->empty() && directory != u"\\" && Stat(volume, directory, &self) != ERROR_SUCCESS) {
+        return ERROR_FILE_NOT_FOUND;
+    }
     std::map<int64_t, std::vector<size_t>> byRecord;
     for (size_t i = 0; i < entries->size(); ++i) byRecord[(*entries)[i].record].push_back(i);
     for (const auto& [number, positions] : byRecord) {
@@ -166,13 +172,10 @@ unsigned int ListDirectory(CNTFSVolume* volume, CStorage* storage, const std::u1
     return ERROR_SUCCESS;
 }
 
-std::string NotFoundText(CNTFSVolume* volume, const std::u16string& path) {
-    // Is the name listed by its directory? Then the look-up, which descends
-    // the index folding only a to z, missed it: the directory was ordered by
-    // another writer's case table.
-    const std::u16string leaf = LeafName(path);
+// Whether the directory `parent` lists `leaf` (exactly as typed).
+bool Listed(CNTFSVolume* volume, const std::u16string& parent, const std::u16string& leaf) {
     _FIND_FILE_DATA data{};
-    void* find = volume->FindFirstFileA(Join(Parent(path), u"*").c_str(), &data);
+    void* find = volume->FindFirstFileA(Join(parent, u"*").c_str(), &data);
     bool listed = false;
     if (find != nullptr) {
         do {
@@ -180,9 +183,29 @@ std::string NotFoundText(CNTFSVolume* volume, const std::u16string& path) {
         } while (!listed && volume->FindNextFileA(find, &data));
         volume->CloseFindHandle(find);
     }
-    if (!listed) return "no such file or directory";
-    return "listed in its directory but not found by name: the directory was ordered by another writer's case "
-           "table (letters beyond a to z compare differently there), which ntfskit does not read";
+    return listed;
+}
+
+std::string NotFoundText(CNTFSVolume* volume, const std::u16string& path) {
+    // The first component on the way that cannot be looked up: when its
+    // directory lists it all the same, the look-up (which descends the index
+    // folding only a to z) missed it because the directory was ordered by
+    // another writer's case table.
+    std::u16string prefix;
+    size_t at = 1;
+    for (;;) {
+        const size_t slash = path.find(u'\\', at);
+        prefix = path.substr(0, slash);
+        Entry entry;
+        if (slash == std::u16string::npos || Stat(volume, prefix, &entry) != ERROR_SUCCESS) break;
+        at = slash + 1;
+    }
+    if (!Listed(volume, Parent(prefix), LeafName(prefix))) return "no such file or directory";
+    const std::string why =
+        " but not found by name: the directory was ordered by another writer's case table (letters beyond a to z "
+        "compare differently there), which ntfskit does not read";
+    return prefix == path ? "listed in its directory" + why
+                          : "its directory " + Utf8(prefix) + " is listed in its parent" + why;
 }
 
 // JSON string of UTF-8 text.
@@ -256,7 +279,7 @@ public:
     int Tree(const std::u16string& directory, int64_t record, bool header) {
         std::vector<Entry> entries;
         const unsigned int code = ListDirectory(image_->Volume(), image_->Storage(), directory, record, &entries);
-        if (code != ERROR_SUCCESS) return Fail(Utf8(directory), code);
+        if (code != ERROR_SUCCESS) return FailLookup(image_->Volume(), directory, code);
         if (header && !options_.json) std::fprintf(Out(), "%s:\n", Utf8(directory).c_str());
         if (options_.all && record == kRootRecord) PrintSystemFiles();
         int status = 0;
@@ -499,7 +522,7 @@ public:
         }
         std::vector<Entry> entries;
         const unsigned int code = ListDirectory(image_->Volume(), image_->Storage(), path, record, &entries);
-        if (code != ERROR_SUCCESS) return Fail(Utf8(path), code);
+        if (code != ERROR_SUCCESS) return FailLookup(image_->Volume(), path, code);
         int status = 0;
         for (const Entry& entry : entries) {
             const std::u16string child = Join(path, entry.name);
