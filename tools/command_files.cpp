@@ -465,7 +465,9 @@ int CopyOut(MountedImage* image, const std::u16string& path, int64_t record, Sin
                                   std::to_string(total) + ": " + ReadDifferenceReason(difference.Kind));
                 explained = true;
             }
-            if (!explained) status = Fail(name, readCode);
+            // A device failure behind it is reported below, as the cause.
+            if (!explained && image->DeviceFailures() == failuresBefore) status = Fail(name, readCode);
+            if (!explained) status = 1;
             break;
         }
         if (done == 0) break;

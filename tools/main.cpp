@@ -96,12 +96,46 @@ void Build(CLI::App& app, Parsed& p) {
     write->add_option("SOURCE", p.write.source, "Host file to copy in (default '-': standard input)");
 }
 
+// The commands to come with file creation, removal and rename.
+const char* const kComing[] = {"put", "mkdir", "rm", "rmdir", "mv"};
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Options in front of the command are the program's own; the parser
+    // would report a missing command before an unknown option.
+    for (int i = 1; i < argc && argv[i][0] == '-'; ++i) {
+        const std::string option = argv[i];
+        if (option != "-v" && option != "--verbose" && option != "-h" && option != "--help" &&
+            option != "--help-all" && option != "--version") {
+            std::fprintf(stderr, "ntfskit: unknown option %s\nRun 'ntfskit --help' for usage.\n", option.c_str());
+            return kExitUsage;
+        }
+    }
     Parsed parsed;
     CLI::App app("ntfskit: read and change NTFS volume images without mounting them", "ntfskit");
     Build(app, parsed);
+    // The command word is the first argument that is not an option: an
+    // unknown one is named as such (the parser would call it an extra
+    // argument).
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word == "-v" || word == "--verbose") continue;
+        if (!word.empty() && word[0] == '-') break;  // help, version, or the parser's to judge
+        for (const char* coming : kComing) {
+            if (word == coming) {
+                std::fprintf(stderr, "ntfskit: %s is not available yet (creating, removing and renaming files come "
+                             "with a later version)\n", coming);
+                return kExitUsage;
+            }
+        }
+        if (app.get_subcommands([&word](CLI::App* command) { return command->get_name() == word; }).empty()) {
+            std::fprintf(stderr, "ntfskit: unknown command '%s' (commands: info, ls, stat, cat, get, write)\n"
+                         "Run 'ntfskit --help' for usage.\n", word.c_str());
+            return kExitUsage;
+        }
+        break;
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
