@@ -222,12 +222,15 @@ int MountedImage::ReportDeviceFailure(const std::string& during) {
 unsigned int MountedImage::Close() {
     if (!mounted_) return ERROR_SUCCESS;
     mounted_ = false;
-    volume_->Umount();
     // Umount answers success whatever its flushes gave: its last error and
-    // the storage's record tell. A read-only image refuses the write-back of
-    // unmount; that is expected.
+    // the storage's record tell. Umount does not clear the last error, so a
+    // code left by an earlier operation (an enumeration's end) counts only
+    // when the flushes changed it. A read-only image refuses the write-back
+    // of unmount; that is expected, and its device reads are on record.
+    const unsigned int before = volume_->GetLastError();
+    volume_->Umount();
     unsigned int code = volume_->GetLastError();
-    if (!writable_ && code == ERROR_WRITE_PROTECT) code = ERROR_SUCCESS;
+    if (!writable_ || code == before) code = ERROR_SUCCESS;
     if (recorder_->Failures() > reported_) {
         ReportDeviceFailure("unmount");
         return code != ERROR_SUCCESS ? code : ERROR_IO_DEVICE;
