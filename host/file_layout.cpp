@@ -194,9 +194,8 @@ std::vector<const LayoutAttribute*> FileLayout::DataPieces() const {
     for (const LayoutAttribute& attribute : Attributes) {
         if (attribute.Type == kTypeData && attribute.Name.empty()) pieces.push_back(&attribute);
     }
-    std::stable_sort(pieces.begin(), pieces.end(), [](const LayoutAttribute* a, const LayoutAttribute* b) {
-        return a->LowestVcn < b->LowestVcn;
-    });
+    std::stable_sort(pieces.begin(), pieces.end(),
+                     [](const LayoutAttribute* a, const LayoutAttribute* b) { return a->LowestVcn < b->LowestVcn; });
     return pieces;
 }
 
@@ -358,8 +357,7 @@ void TrueUnit(const std::vector<const LayoutAttribute*>& pieces, int64_t first, 
     *compressed = real > 0 && real < unitClusters;
 }
 
-void AddDifference(std::vector<ReadDifference>* differences, ReadDifferenceKind kind, uint64_t offset,
-                   uint64_t end) {
+void AddDifference(std::vector<ReadDifference>* differences, ReadDifferenceKind kind, uint64_t offset, uint64_t end) {
     if (!differences->empty()) {
         ReadDifference& last = differences->back();
         if (last.Kind == kind && last.Offset + last.Length == offset) {
@@ -419,7 +417,8 @@ std::vector<ReadDifference> FindReadDifferences(const FileLayout& layout, int cl
         bool real = false;
         for (const LayoutAttribute* piece : pieces) {
             for (const LayoutRun& run : piece->Runs) {
-                const uint64_t runEnd = static_cast<uint64_t>(run.Vcn + run.Length) * static_cast<uint64_t>(clusterSize);
+                const uint64_t runEnd =
+                    static_cast<uint64_t>(run.Vcn + run.Length) * static_cast<uint64_t>(clusterSize);
                 if (!run.Hole && runEnd > from) real = true;
             }
         }

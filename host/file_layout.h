@@ -46,7 +46,7 @@ struct LayoutAttribute {
 };
 
 struct LayoutName {
-    int64_t Parent = 0;  // record number of the directory (low 48 bits)
+    int64_t Parent = 0;     // record number of the directory (low 48 bits)
     uint8_t Namespace = 0;  // 0 POSIX, 1 Win32, 2 DOS, 3 Win32 and DOS
     std::u16string Name;
 };
@@ -73,8 +73,7 @@ struct FileLayout {
 // Reads record `number` and its extension records. `storage` is the device
 // the volume reads, used for a non-resident attribute list. 0, or
 // ERROR_FILE_CORRUPT for a record that does not decode, or the read's code.
-[[nodiscard]] unsigned int LoadFileLayout(CNTFSVolume* volume, CStorage* storage, int64_t number,
-                                          FileLayout* layout);
+[[nodiscard]] unsigned int LoadFileLayout(CNTFSVolume* volume, CStorage* storage, int64_t number, FileLayout* layout);
 
 // Where the volume's read of the unnamed $DATA delivers other bytes than the
 // file holds on disk.

@@ -24,8 +24,8 @@ public:
     struct Failure {
         bool Write = false;
         int64_t Sector = 0;
-        int Count = 0;  // sectors asked for
-        int Done = 0;   // sectors moved
+        int Count = 0;          // sectors asked for
+        int Done = 0;           // sectors moved
         unsigned int Code = 0;  // the storage's answer; 0 for a short transfer
     };
 

@@ -100,7 +100,8 @@ int FailText(const std::string& message) {
 namespace {
 
 // The supported geometry, in words, for messages.
-const char kGeometry[] = "ntfskit reads volumes of 512-byte sectors, 1024-byte file records and 4096-byte index records";
+const char kGeometry[] =
+    "ntfskit reads volumes of 512-byte sectors, 1024-byte file records and 4096-byte index records";
 
 // A record size field of the boot sector in bytes: clusters when positive,
 // else 2 to the power of its magnitude.
@@ -214,7 +215,8 @@ unsigned int MountedImage::Open(const std::string& path, bool writable) {
 
 int MountedImage::ReportDeviceFailure(const std::string& during) {
     reported_ = recorder_->Failures();
-    std::string text = path_ + ": device error during " + during + ": " + recorder_->Describe(recorder_->FirstFailure());
+    std::string text =
+        path_ + ": device error during " + during + ": " + recorder_->Describe(recorder_->FirstFailure());
     if (reported_ > 1) text += " (and " + std::to_string(reported_ - 1) + " more failed transfers)";
     return FailText(text);
 }

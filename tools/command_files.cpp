@@ -52,7 +52,8 @@ Entry FromFindData(const _FIND_FILE_DATA& data) {
     entry.directory = (data.FileAttributes & kFileAttributeDirectory) != 0;
     entry.size = (static_cast<uint64_t>(data.FileSizeHigh) << 32) | data.FileSizeLow;
     entry.record = data.FileRecordNumber;
-    entry.writeTime = static_cast<int64_t>((static_cast<uint64_t>(data.LastWriteTime[1]) << 32) | data.LastWriteTime[0]);
+    entry.writeTime =
+        static_cast<int64_t>((static_cast<uint64_t>(data.LastWriteTime[1]) << 32) | data.LastWriteTime[0]);
     return entry;
 }
 
@@ -128,6 +129,15 @@ unsigned int Stat(CNTFSVolume* volume, const std::u16string& path, Entry* entry)
 int FailLookup(CNTFSVolume* volume, const std::u16string& path, unsigned int code) {
     if (code == ERROR_FILE_NOT_FOUND) return FailText(Utf8(path) + ": " + NotFoundText(volume, path));
     return Fail(Utf8(path), code);
+}
+
+// Looks up a path as typed; a failure is reported and sets `*status`.
+bool Resolve(CNTFSVolume* volume, const std::string& typed, std::u16string* path, Entry* entry, int* status) {
+    *path = VolumePath(typed);
+    const unsigned int code = Stat(volume, *path, entry);
+    if (code == ERROR_SUCCESS) return true;
+    *status |= FailLookup(volume, *path, code);
+    return false;
 }
 
 // Every entry of `directory` (record `record`) in the order of the index. A
@@ -322,8 +332,8 @@ public:
         const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
         const double left = rate > 0 ? static_cast<double>(total_ - done) / rate : 0;
         std::fprintf(stderr, "\r%s: %llu of %llu bytes, %.1f MiB/s, %.0f s left   ", name_.c_str(),
-                     static_cast<unsigned long long>(done), static_cast<unsigned long long>(total_),
-                     rate / (1 << 20), left);
+                     static_cast<unsigned long long>(done), static_cast<unsigned long long>(total_), rate / (1 << 20),
+                     left);
         drawn_ = true;
     }
     ~Progress() {
@@ -430,8 +440,8 @@ int CopyOut(MountedImage* image, const std::u16string& path, int64_t record, Sin
         if (difference.Kind == ReadDifferenceKind::BeyondInitializedSize) {
             staleFrom = difference.Offset;
         } else if (difference.Kind == ReadDifferenceKind::HoleFromEarlierUnit) {
-            status = FailText(name + ": " + ByteRange(difference) + " as read differ from the file on disk: " +
-                              ReadDifferenceReason(difference.Kind));
+            status = FailText(name + ": " + ByteRange(difference) +
+                              " as read differ from the file on disk: " + ReadDifferenceReason(difference.Kind));
         }
     }
     unsigned int sizeHigh = 0;
@@ -556,9 +566,9 @@ std::string AttributeWords(uint32_t bits) {
     static const struct {
         uint32_t bit;
         const char* word;
-    } kWords[] = {{0x1, "read-only"},     {0x2, "hidden"},         {0x4, "system"},        {0x20, "archive"},
-                  {0x40, "device"},       {0x80, "normal"},        {0x100, "temporary"},   {0x200, "sparse"},
-                  {0x400, "reparse-point"}, {0x800, "compressed"}, {0x1000, "offline"},    {0x2000, "not-indexed"},
+    } kWords[] = {{0x1, "read-only"},       {0x2, "hidden"},       {0x4, "system"},      {0x20, "archive"},
+                  {0x40, "device"},         {0x80, "normal"},      {0x100, "temporary"}, {0x200, "sparse"},
+                  {0x400, "reparse-point"}, {0x800, "compressed"}, {0x1000, "offline"},  {0x2000, "not-indexed"},
                   {0x4000, "encrypted"}};
     std::string words;
     for (const auto& word : kWords) {
@@ -712,15 +722,11 @@ int CommandStat(const GlobalOptions&, const StatOptions& options) {
     if (image.Open(options.image, false) != ERROR_SUCCESS) return kExitFailed;
     int status = 0;
     for (size_t i = 0; i < options.paths.size(); ++i) {
-        const std::u16string path = VolumePath(options.paths[i]);
+        std::u16string path;
         Entry entry;
-        unsigned int code = Stat(image.Volume(), path, &entry);
-        if (code != ERROR_SUCCESS) {
-            status |= FailLookup(image.Volume(), path, code);
-            continue;
-        }
+        if (!Resolve(image.Volume(), options.paths[i], &path, &entry, &status)) continue;
         FileLayout layout;
-        code = LoadFileLayout(image.Volume(), image.Storage(), entry.record, &layout);
+        const unsigned int code = LoadFileLayout(image.Volume(), image.Storage(), entry.record, &layout);
         if (code != ERROR_SUCCESS) {
             status |= Fail(Utf8(path) + ": record " + std::to_string(entry.record), code);
             continue;
@@ -740,13 +746,9 @@ int CommandCat(const GlobalOptions&, const CatOptions& options) {
     // The progress line would run into the data on one terminal.
     const bool progress = !isatty(STDOUT_FILENO);
     for (const std::string& typed : options.paths) {
-        const std::u16string path = VolumePath(typed);
+        std::u16string path;
         Entry entry;
-        const unsigned int code = Stat(image.Volume(), path, &entry);
-        if (code != ERROR_SUCCESS) {
-            status |= FailLookup(image.Volume(), path, code);
-            continue;
-        }
+        if (!Resolve(image.Volume(), typed, &path, &entry, &status)) continue;
         if (entry.directory) {
             status |= FailText(Utf8(path) + ": is a directory");
             continue;
@@ -771,13 +773,9 @@ int CommandGet(const GlobalOptions&, const GetOptions& options) {
     Getter getter(&image, options);
     int status = 0;
     for (const std::string& typed : options.sources) {
-        const std::u16string path = VolumePath(typed);
+        std::u16string path;
         Entry entry;
-        const unsigned int code = Stat(image.Volume(), path, &entry);
-        if (code != ERROR_SUCCESS) {
-            status |= FailLookup(image.Volume(), path, code);
-            continue;
-        }
+        if (!Resolve(image.Volume(), typed, &path, &entry, &status)) continue;
         if (entry.directory && toStream) {
             status |= FailText(Utf8(path) + ": is a directory ('-' takes files only)");
             continue;
@@ -846,7 +844,8 @@ int CommandWrite(const GlobalOptions&, const WriteOptions& options) {
         } else if (sourceSize >= 0) {
             const int64_t cluster = probe.Volume()->GetClusterSize();
             const int64_t end = static_cast<int64_t>(options.append ? entry.size : 0) + sourceSize;
-            const int64_t wanted = (end + cluster - 1) / cluster - (static_cast<int64_t>(entry.size) + cluster - 1) / cluster;
+            const int64_t wanted =
+                (end + cluster - 1) / cluster - (static_cast<int64_t>(entry.size) + cluster - 1) / cluster;
             _VOLUME_SPACE space{};
             if (wanted > 0 && probe.Volume()->GetVolumeSpace(&space) == ERROR_SUCCESS && wanted > space.FreeClusters) {
                 status = FailText(Utf8(path) + ": not enough free space: " + std::to_string(wanted) +

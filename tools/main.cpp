@@ -53,15 +53,16 @@ void Build(CLI::App& app, Parsed& p) {
     app.set_version_flag("--version", std::string("ntfskit ") + NTFSKIT_VERSION);
     app.add_flag("-v,--verbose", p.global.verbose, "Show the library's log lines on standard error");
     app.require_subcommand(1);
-    app.footer("Exit status: 0 success, 1 the operation failed, 2 usage.\n"
-               "Run 'ntfskit COMMAND --help' for the options of a command.");
+    app.footer(
+        "Exit status: 0 success, 1 the operation failed, 2 usage.\n"
+        "Run 'ntfskit COMMAND --help' for the options of a command.");
 
     CLI::App* info = AddCommand(app, p, "info", "Geometry, version, free clusters and records of a volume",
                                 [&p] { return CommandInfo(p.global, p.info); });
     info->add_option("IMAGE", p.info.image, "Volume image or device")->required();
 
-    CLI::App* ls = AddCommand(app, p, "ls", "List a directory (or name one file)",
-                              [&p] { return CommandList(p.global, p.list); });
+    CLI::App* ls =
+        AddCommand(app, p, "ls", "List a directory (or name one file)", [&p] { return CommandList(p.global, p.list); });
     ls->add_flag("-l,--long", p.list.longFormat, "Type, size, modification time (UTC) and record number");
     ls->add_flag("-R,--recursive", p.list.recursive, "List subdirectories too");
     ls->add_flag("-a,--all", p.list.all, "Also the system files of the root ($MFT, $Bitmap, ...)");
@@ -106,8 +107,8 @@ int main(int argc, char** argv) {
     // would report a missing command before an unknown option.
     for (int i = 1; i < argc && argv[i][0] == '-'; ++i) {
         const std::string option = argv[i];
-        if (option != "-v" && option != "--verbose" && option != "-h" && option != "--help" &&
-            option != "--help-all" && option != "--version") {
+        if (option != "-v" && option != "--verbose" && option != "-h" && option != "--help" && option != "--help-all" &&
+            option != "--version") {
             std::fprintf(stderr, "ntfskit: unknown option %s\nRun 'ntfskit --help' for usage.\n", option.c_str());
             return kExitUsage;
         }
@@ -124,14 +125,18 @@ int main(int argc, char** argv) {
         if (!word.empty() && word[0] == '-') break;  // help, version, or the parser's to judge
         for (const char* coming : kComing) {
             if (word == coming) {
-                std::fprintf(stderr, "ntfskit: %s is not available yet (creating, removing and renaming files come "
-                             "with a later version)\n", coming);
+                std::fprintf(stderr,
+                             "ntfskit: %s is not available yet (creating, removing and renaming files come "
+                             "with a later version)\n",
+                             coming);
                 return kExitUsage;
             }
         }
         if (app.get_subcommands([&word](CLI::App* command) { return command->get_name() == word; }).empty()) {
-            std::fprintf(stderr, "ntfskit: unknown command '%s' (commands: info, ls, stat, cat, get, write)\n"
-                         "Run 'ntfskit --help' for usage.\n", word.c_str());
+            std::fprintf(stderr,
+                         "ntfskit: unknown command '%s' (commands: info, ls, stat, cat, get, write)\n"
+                         "Run 'ntfskit --help' for usage.\n",
+                         word.c_str());
             return kExitUsage;
         }
         break;

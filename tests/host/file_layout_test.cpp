@@ -44,26 +44,26 @@ FileLayout SparseFile(std::vector<std::pair<int64_t, bool>> runs, int64_t size, 
 
 TEST(FileLayoutTest, DifferencesOfTheReadFromRunLists) {
     // Unit-aligned holes and data: read faithfully.
-    EXPECT_TRUE(FindReadDifferences(SparseFile({{16, true}, {16, false}, {32, true}}, 64 * kCluster), kCluster, kCall)
-                    .empty());
+    EXPECT_TRUE(
+        FindReadDifferences(SparseFile({{16, true}, {16, false}, {32, true}}, 64 * kCluster), kCluster, kCall).empty());
     // A hole of 20 clusters entered in its second unit (at cluster 16) ends
     // at cluster 20, inside that unit: the unit 16..31 is read as zeros.
-    auto differences =
-        FindReadDifferences(SparseFile({{20, true}, {12, false}}, 32 * kCluster), kCluster, kCall);
+    auto differences = FindReadDifferences(SparseFile({{20, true}, {12, false}}, 32 * kCluster), kCluster, kCall);
     ASSERT_EQ(differences.size(), 1u);
     EXPECT_EQ(differences[0].Kind, ReadDifferenceKind::HoleFromEarlierUnit);
     EXPECT_EQ(differences[0].Offset, 16u * kCluster);
     EXPECT_EQ(differences[0].Length, 16u * kCluster);
     // A hole that starts with its unit and ends inside it is read right.
-    EXPECT_TRUE(FindReadDifferences(SparseFile({{16, true}, {4, true}, {12, false}}, 32 * kCluster), kCluster, kCall)
-                    .empty());
+    EXPECT_TRUE(
+        FindReadDifferences(SparseFile({{16, true}, {4, true}, {12, false}}, 32 * kCluster), kCluster, kCall).empty());
     // Runs that end inside the last unit: the read fails there.
     differences = FindReadDifferences(SparseFile({{16, true}, {4, false}}, 20 * kCluster), kCluster, kCall);
     ASSERT_EQ(differences.size(), 1u);
     EXPECT_EQ(differences[0].Kind, ReadDifferenceKind::UnitPastLastRun);
     EXPECT_EQ(differences[0].Offset, 16u * kCluster);
     // Plain data is read cluster by cluster: no unit, no difference.
-    EXPECT_TRUE(FindReadDifferences(SparseFile({{20, true}, {12, false}}, 32 * kCluster, 0, 0), kCluster, kCall).empty());
+    EXPECT_TRUE(
+        FindReadDifferences(SparseFile({{20, true}, {12, false}}, 32 * kCluster, 0, 0), kCluster, kCall).empty());
     // Clusters behind the initialized size.
     FileLayout stale = SparseFile({{16, false}}, 16 * kCluster);
     stale.Attributes[0].InitializedSize = 5000;
@@ -86,7 +86,8 @@ TEST(FileLayoutTest, DifferencesMatchTheVolumesReadOnEveryFixture) {
         for (const test::ManifestEntry& entry : test::LoadManifest(name)) {
             if (entry.is_dir) continue;
             FileLayout layout;
-            ASSERT_EQ(LoadFileLayout(volume, &mounted.Memory(), entry.record, &layout), ERROR_SUCCESS) << entry.path_utf8;
+            ASSERT_EQ(LoadFileLayout(volume, &mounted.Memory(), entry.record, &layout), ERROR_SUCCESS)
+                << entry.path_utf8;
             void* file = volume->CreateFileA(entry.path.c_str(), 0, kOpenExisting, kAccessRead | kAccessShareMask);
             ASSERT_NE(file, nullptr) << name << " " << entry.path_utf8;
             std::vector<char> content;

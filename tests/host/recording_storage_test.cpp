@@ -17,7 +17,8 @@ namespace {
 
 class RecordingStorageTest : public ::testing::Test {
 protected:
-    RecordingStorageTest() : memory_(test::LoadImage("c4k")), faults_(&memory_), recorder_(&faults_), volume_(&recorder_) {}
+    RecordingStorageTest()
+        : memory_(test::LoadImage("c4k")), faults_(&memory_), recorder_(&faults_), volume_(&recorder_) {}
 
     MemoryStorage memory_;
     test::FaultStorage faults_;

@@ -143,8 +143,8 @@ TEST_F(CliTest, StatShowsRecordsNamesSizesAndFlags) {
     EXPECT_EQ(links.status, 0);
     for (const char* line : {"record:            98 (sequence", "links:             3", "parent 97: original.txt",
                              "parent 97: same-dir-link.txt", "parent 67: cross-dir-link.txt",
-                             "short name:        (none)", "size:              500 (resident)",
-                             "extension records: 99", "$ATTRIBUTE_LIST in record 98", "read differences:  none"}) {
+                             "short name:        (none)", "size:              500 (resident)", "extension records: 99",
+                             "$ATTRIBUTE_LIST in record 98", "read differences:  none"}) {
         EXPECT_NE(links.output.find(line), std::string::npos) << line << "\n" << links.output;
     }
     test::ToolResult sparse = Run("stat " + image + " /sparse/data-at-end.bin /compressed/text-300k.txt");
@@ -195,7 +195,8 @@ TEST_F(CliTest, GetOfEveryFixtureMatchesItsManifestWithDifferencesReported) {
     for (const std::string& name : test::FixtureNames()) {
         const std::string out = dir_ + "/tree-" + name;
         std::string errors;
-        const test::ToolResult get = Run("get -R " + ShellQuote(test::FixturePath(name)) + " / " + ShellQuote(out), &errors);
+        const test::ToolResult get =
+            Run("get -R " + ShellQuote(test::FixturePath(name)) + " / " + ShellQuote(out), &errors);
         std::set<std::string> differing;
         size_t files = 0;
         for (const test::ManifestEntry& entry : test::LoadManifest(name)) {
@@ -331,9 +332,9 @@ TEST_F(CliTest, BadInputAndUsageErrorsChangeNothing) {
     ASSERT_EQ(truncate((WriteFile(huge, ""), huge).c_str(), 64 << 20), 0);
 
     const std::map<std::string, std::string> names = {
-        {"{image}", image_},   {"{random}", random},     {"{truncated}", truncated}, {"{empty}", empty},
-        {"{geometry}", geometry}, {"{ro}", readOnly},    {"{source}", source},       {"{huge}", huge},
-        {"{dir}", dir_}};
+        {"{image}", image_},  {"{random}", random},     {"{truncated}", truncated},
+        {"{empty}", empty},   {"{geometry}", geometry}, {"{ro}", readOnly},
+        {"{source}", source}, {"{huge}", huge},         {"{dir}", dir_}};
     const auto expand = [&](std::string text, bool quote) {
         for (const auto& [key, value] : names) {
             for (size_t at = text.find(key); at != std::string::npos; at = text.find(key, at)) {
@@ -362,7 +363,8 @@ TEST_F(CliTest, BadInputAndUsageErrorsChangeNothing) {
         {"write {image} /absent.txt {source}", 1,
          "\\absent.txt: no such file or directory (write changes an existing file; nothing was changed)"},
         {"write {image} /docs {source}", 1, "\\docs: is a directory; nothing was changed"},
-        {"write {image} /readme.txt {huge}", 1, "\\readme.txt: not enough free space: 16383 more clusters wanted, 3035 free"},
+        {"write {image} /readme.txt {huge}", 1,
+         "\\readme.txt: not enough free space: 16383 more clusters wanted, 3035 free"},
         {"write -a {image} /docs/Notes.TXT {huge}", 1, "\\docs\\Notes.TXT: not enough free space"},
         {"cat {image} /no/such.txt", 1, "\\no\\such.txt: no such file or directory"},
         {"cat {image} /docs", 1, "\\docs: is a directory"},
@@ -417,8 +419,8 @@ TEST_F(CliTest, ProgressLineOnATerminalOnly) {
     if (RunTool("command -v script").status != 0) GTEST_SKIP() << "script(1) is not installed";
     const std::string copy = ShellQuote(dir_ + "/copy.bin");
     const test::ToolResult terminal =
-        RunTool("script -qec " + ShellQuote(Cli() + " get " + ShellQuote(image_) + " /sparse/all-hole-10M.bin " + copy) +
-                " /dev/null");
+        RunTool("script -qec " +
+                ShellQuote(Cli() + " get " + ShellQuote(image_) + " /sparse/all-hole-10M.bin " + copy) + " /dev/null");
     EXPECT_EQ(terminal.status, 0) << terminal.output;
     EXPECT_NE(terminal.output.find("\\sparse\\all-hole-10M.bin: 10485760 of 10485760 bytes, "), std::string::npos)
         << terminal.output;
