@@ -398,17 +398,30 @@ std::vector<ReadDifference> FindReadDifferences(const FileLayout& layout, int cl
             bool storedCompressed = false;
             TrueUnit(pieces, static_cast<int64_t>(unit / static_cast<uint64_t>(clusterSize)), unitClusters, &stored,
                      &storedCompressed);
-            bool same;
             if (decompresses && (readCompressed || storedCompressed)) {
                 // A compressed unit's bytes are the expansion of its stored
-                // clusters: the same clusters in the same order expand alike.
-                same = readCompressed == storedCompressed && delivered == stored;
-            } else {
-                // Only the clusters the call hands out count.
-                const size_t count = static_cast<size_t>((unitEnd - unit + clusterSize - 1) / clusterSize);
-                same = std::equal(delivered.begin(), delivered.begin() + static_cast<long>(count), stored.begin());
+                // clusters: the same clusters in the same order expand alike,
+                // else the whole unit counts.
+                if (readCompressed != storedCompressed || delivered != stored) {
+                    AddDifference(&differences, ReadDifferenceKind::HoleFromEarlierUnit, unit, unitEnd);
+                }
+                continue;
             }
-            if (!same) AddDifference(&differences, ReadDifferenceKind::HoleFromEarlierUnit, unit, unitEnd);
+            // Only the clusters the call hands out count: the range from the
+            // first to the last that comes from elsewhere.
+            const size_t count = static_cast<size_t>((unitEnd - unit + clusterSize - 1) / clusterSize);
+            size_t first = count;
+            size_t last = 0;
+            for (size_t k = 0; k < count; ++k) {
+                if (delivered[k] == stored[k]) continue;
+                first = std::min(first, k);
+                last = k;
+            }
+            if (first < count) {
+                const uint64_t cluster = static_cast<uint64_t>(clusterSize);
+                AddDifference(&differences, ReadDifferenceKind::HoleFromEarlierUnit, unit + first * cluster,
+                              std::min<uint64_t>(unitEnd, unit + (last + 1) * cluster));
+            }
         }
     }
     if (head.InitializedSize < head.DataSize) {

@@ -47,12 +47,13 @@ TEST(FileLayoutTest, DifferencesOfTheReadFromRunLists) {
     EXPECT_TRUE(
         FindReadDifferences(SparseFile({{16, true}, {16, false}, {32, true}}, 64 * kCluster), kCluster, kCall).empty());
     // A hole of 20 clusters entered in its second unit (at cluster 16) ends
-    // at cluster 20, inside that unit: the unit 16..31 is read as zeros.
+    // at cluster 20, inside that unit: the unit 16..31 is read as zeros, and
+    // its clusters 20..31 hold data.
     auto differences = FindReadDifferences(SparseFile({{20, true}, {12, false}}, 32 * kCluster), kCluster, kCall);
     ASSERT_EQ(differences.size(), 1u);
     EXPECT_EQ(differences[0].Kind, ReadDifferenceKind::HoleFromEarlierUnit);
-    EXPECT_EQ(differences[0].Offset, 16u * kCluster);
-    EXPECT_EQ(differences[0].Length, 16u * kCluster);
+    EXPECT_EQ(differences[0].Offset, 20u * kCluster);
+    EXPECT_EQ(differences[0].Length, 12u * kCluster);
     // A hole that starts with its unit and ends inside it is read right.
     EXPECT_TRUE(
         FindReadDifferences(SparseFile({{16, true}, {4, true}, {12, false}}, 32 * kCluster), kCluster, kCall).empty());
