@@ -524,7 +524,6 @@ public:
         FileLayout layout;
         int status = CopyOut(image_, path, record, &sink, true, &layout);
         if (options_.keepTimes && layout.Record == record) status |= KeepTimes(target, layout);
-        ++files_;
         return status;
     }
 
@@ -553,7 +552,6 @@ public:
 private:
     MountedImage* image_;
     const GetOptions& options_;
-    uint64_t files_ = 0;
 };
 
 bool IsHostDirectory(const std::string& path) {
