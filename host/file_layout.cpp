@@ -339,20 +339,20 @@ bool ModelUnit(CursorModel* cursor, int64_t unitClusters, int clusterSize, std::
 
 // The file as it is on disk: the source of each cluster of a unit, and
 // whether the unit is stored compressed.
-void TrueUnit(const std::vector<const LayoutAttribute*>& pieces, int64_t first, int64_t unitClusters,
-              std::vector<Source>* sources, bool* compressed) {
+void TrueUnit(const std::vector<LayoutRun>& runs, int64_t first, int64_t unitClusters, std::vector<Source>* sources,
+              bool* compressed) {
     sources->assign(static_cast<size_t>(unitClusters), Source{-1});
     int64_t real = 0;
-    for (const LayoutAttribute* piece : pieces) {
-        for (const LayoutRun& run : piece->Runs) {
-            const int64_t from = std::max(run.Vcn, first);
-            const int64_t to = std::min(run.Vcn + run.Length, first + unitClusters);
-            for (int64_t vcn = from; vcn < to; ++vcn) {
-                if (run.Hole) continue;
-                (*sources)[static_cast<size_t>(vcn - first)].Lcn = run.Lcn + (vcn - run.Vcn);
-                ++real;
-            }
-        }
+    // The first run that ends behind `first`; runs are in VCN order.
+    auto run = std::upper_bound(runs.begin(), runs.end(), first,
+                                [](int64_t vcn, const LayoutRun& r) { return vcn < r.Vcn + r.Length; });
+    for (; run != runs.end() && run->Vcn < first + unitClusters; ++run) {
+        if (run->Hole) continue;
+        const int64_t from = std::max(run->Vcn, first);
+        const int64_t to = std::min(run->Vcn + run->Length, first + unitClusters);
+        for (int64_t vcn = from; vcn < to; ++vcn)
+            (*sources)[static_cast<size_t>(vcn - first)].Lcn = run->Lcn + (vcn - run->Vcn);
+        real += to - from;
     }
     *compressed = real > 0 && real < unitClusters;
 }
@@ -383,6 +383,10 @@ std::vector<ReadDifference> FindReadDifferences(const FileLayout& layout, int cl
     const uint64_t unitBytes = static_cast<uint64_t>(unitClusters) * static_cast<uint64_t>(clusterSize);
     const bool decompresses = (head.Flags & kCompressionFlags) != 0;
     const uint64_t call = std::max<uint64_t>(unitBytes, callBytes / unitBytes * unitBytes);
+    // The file as it is on disk: every run of every piece, in VCN order.
+    std::vector<LayoutRun> runs;
+    for (const LayoutAttribute* piece : pieces) runs.insert(runs.end(), piece->Runs.begin(), piece->Runs.end());
+    std::stable_sort(runs.begin(), runs.end(), [](const LayoutRun& a, const LayoutRun& b) { return a.Vcn < b.Vcn; });
     std::vector<Source> delivered;
     std::vector<Source> stored;
     for (uint64_t start = 0; start < size; start += call) {
@@ -396,7 +400,7 @@ std::vector<ReadDifference> FindReadDifferences(const FileLayout& layout, int cl
                 return differences;
             }
             bool storedCompressed = false;
-            TrueUnit(pieces, static_cast<int64_t>(unit / static_cast<uint64_t>(clusterSize)), unitClusters, &stored,
+            TrueUnit(runs, static_cast<int64_t>(unit / static_cast<uint64_t>(clusterSize)), unitClusters, &stored,
                      &storedCompressed);
             if (decompresses && (readCompressed || storedCompressed)) {
                 // A compressed unit's bytes are the expansion of its stored
