@@ -1,6 +1,7 @@
 #include "file_layout.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <set>
 
@@ -16,6 +17,9 @@ constexpr uint32_t kTypeEnd = 0xFFFFFFFF;
 constexpr int64_t kRecordMask = 0xFFFFFFFFFFFFll;
 constexpr uint16_t kUnitFlags = 0x80FF;  // a compression method or sparse: reads go by units
 constexpr uint16_t kCompressionFlags = 0x00FF;
+constexpr uint8_t kLargestUnitExponent = 16;
+// The largest attribute list read from clusters.
+constexpr int64_t kLargestAttributeList = 16 << 20;
 
 uint64_t Get(const uint8_t* at, int bytes) {
     uint64_t value = 0;
@@ -36,6 +40,11 @@ std::u16string Units(const uint8_t* at, size_t count) {
     std::u16string text(count, u'\0');
     for (size_t i = 0; i < count; ++i) text[i] = static_cast<char16_t>(Get16(at + 2 * i));
     return text;
+}
+
+// Cluster arithmetic on damaged values wraps instead of overflowing.
+int64_t Wrap(uint64_t value) {
+    return static_cast<int64_t>(value);
 }
 
 // Sign-extended little-endian field of `bytes` (1 to 8) bytes.
@@ -64,6 +73,10 @@ bool ApplyFixups(uint8_t* record, size_t size) {
 // Decodes the mapping pairs of a piece; runs carry absolute LCNs, the delta
 // base restarting at 0 in each piece.
 void DecodeRuns(const uint8_t* at, const uint8_t* end, LayoutAttribute* attribute) {
+    if (attribute->LowestVcn < 0) {
+        attribute->RunsDamaged = true;
+        return;
+    }
     int64_t vcn = attribute->LowestVcn;
     int64_t lcn = 0;
     while (at < end && *at != 0) {
@@ -77,9 +90,13 @@ void DecodeRuns(const uint8_t* at, const uint8_t* end, LayoutAttribute* attribut
         run.Vcn = vcn;
         run.Length = Signed(at + 1, countBytes);
         run.Hole = deltaBytes == 0;
-        if (!run.Hole) lcn += Signed(at + 1 + countBytes, deltaBytes);
+        // Damaged deltas wrap rather than overflow; the read's own checks
+        // judge where such a run points.
+        if (!run.Hole) {
+            lcn = Wrap(static_cast<uint64_t>(lcn) + static_cast<uint64_t>(Signed(at + 1 + countBytes, deltaBytes)));
+        }
         run.Lcn = lcn;
-        if (run.Length <= 0) {
+        if (run.Length <= 0 || run.Length > INT64_MAX - vcn) {
             attribute->RunsDamaged = true;
             return;
         }
@@ -166,15 +183,20 @@ unsigned int ParseRecord(const std::vector<uint8_t>& image, int64_t number, File
 // The value of a non-resident attribute list, read from its clusters.
 unsigned int ReadNonResident(CNTFSVolume* volume, CStorage* storage, const LayoutAttribute& attribute,
                              std::vector<uint8_t>* value) {
+    if (attribute.DataSize < 0 || attribute.DataSize > kLargestAttributeList) return ERROR_FILE_CORRUPT;
     const int clusterSize = volume->GetClusterSize();
     const int sectorsPerCluster = clusterSize / kSectorSize;
     value->clear();
     for (const LayoutRun& run : attribute.Runs) {
-        std::vector<uint8_t> bytes(static_cast<size_t>(run.Length) * static_cast<size_t>(clusterSize), 0);
+        // No more than the value still wants, in whole clusters.
+        const uint64_t wanted = static_cast<uint64_t>(attribute.DataSize) - value->size();
+        const uint64_t clusters = std::min<uint64_t>(static_cast<uint64_t>(run.Length),
+                                                     (wanted + static_cast<uint64_t>(clusterSize) - 1) / clusterSize);
+        std::vector<uint8_t> bytes(static_cast<size_t>(clusters) * static_cast<size_t>(clusterSize), 0);
         if (!run.Hole) {
-            int64_t sector = run.Lcn * sectorsPerCluster;
+            int64_t sector = Wrap(static_cast<uint64_t>(run.Lcn) * static_cast<uint64_t>(sectorsPerCluster));
             int done = 0;
-            const int count = static_cast<int>(run.Length * sectorsPerCluster);
+            const int count = static_cast<int>(clusters) * sectorsPerCluster;
             const unsigned int code = storage->ReadSectors(bytes.data(), &sector, count, &done, nullptr);
             if (code != ERROR_SUCCESS) return code;
             if (done != count) return ERROR_IO_DEVICE;
@@ -275,7 +297,7 @@ public:
             do {
                 if (++Piece >= static_cast<int>(Pieces.size())) return false;
                 Highest = Pieces[Piece]->HighestVcn;
-                RunOffset = Vcn - Pieces[Piece]->LowestVcn;
+                RunOffset = Wrap(static_cast<uint64_t>(Vcn) - static_cast<uint64_t>(Pieces[Piece]->LowestVcn));
             } while (Vcn > Highest);
             Run = 0;
         }
@@ -319,12 +341,15 @@ bool ModelUnit(CursorModel* cursor, int64_t unitClusters, int clusterSize, std::
         int64_t take;
         if (!run.Hole) {
             take = std::min(run.Length - cursor->RunOffset, remaining);
-            for (int64_t k = 0; k < take; ++k) sources->push_back({run.Lcn + cursor->RunOffset + k});
+            for (int64_t k = 0; k < take; ++k)
+                sources->push_back(
+                    {Wrap(static_cast<uint64_t>(run.Lcn) + static_cast<uint64_t>(cursor->RunOffset + k))});
             real += take;
         } else {
             // The hole's whole length in 32-bit bytes, whatever part of it
             // lies behind the cursor.
-            const uint32_t bytes = static_cast<uint32_t>(run.Length * clusterSize);
+            const uint32_t bytes =
+                static_cast<uint32_t>(static_cast<uint64_t>(run.Length) * static_cast<uint64_t>(clusterSize));
             take = std::min<int64_t>(bytes / static_cast<uint32_t>(clusterSize), remaining);
             if (take == 0) return false;
             for (int64_t k = 0; k < take; ++k) sources->push_back({-1});
@@ -351,7 +376,8 @@ void TrueUnit(const std::vector<LayoutRun>& runs, int64_t first, int64_t unitClu
         const int64_t from = std::max(run->Vcn, first);
         const int64_t to = std::min(run->Vcn + run->Length, first + unitClusters);
         for (int64_t vcn = from; vcn < to; ++vcn)
-            (*sources)[static_cast<size_t>(vcn - first)].Lcn = run->Lcn + (vcn - run->Vcn);
+            (*sources)[static_cast<size_t>(vcn - first)].Lcn =
+                Wrap(static_cast<uint64_t>(run->Lcn) + static_cast<uint64_t>(vcn - run->Vcn));
         real += to - from;
     }
     *compressed = real > 0 && real < unitClusters;
@@ -379,6 +405,9 @@ std::vector<ReadDifference> FindReadDifferences(const FileLayout& layout, int cl
         if (!piece->NonResident) return differences;  // a mixed list: the read's own checks answer
     }
     const uint64_t size = static_cast<uint64_t>(head.DataSize);
+    // A unit exponent beyond any writer's is damage, which the read's own
+    // checks answer: not modelled here.
+    if (head.UnitExponent > kLargestUnitExponent) return differences;
     const int64_t unitClusters = (head.Flags & kUnitFlags) != 0 ? (int64_t{1} << head.UnitExponent) : 1;
     const uint64_t unitBytes = static_cast<uint64_t>(unitClusters) * static_cast<uint64_t>(clusterSize);
     const bool decompresses = (head.Flags & kCompressionFlags) != 0;
