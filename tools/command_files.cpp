@@ -182,25 +182,30 @@ unsigned int ListDirectory(CNTFSVolume* volume, CStorage* storage, const std::u1
     return ERROR_SUCCESS;
 }
 
-// Whether the directory `parent` lists `leaf` (exactly as typed).
-bool Listed(CNTFSVolume* volume, const std::u16string& parent, const std::u16string& leaf) {
+// Whether the directory `parent` lists `leaf` (exactly as typed), and
+// whether any name it lists has units beyond ASCII, which another writer's
+// case table may order differently from this library's a-to-z folding.
+bool Listed(CNTFSVolume* volume, const std::u16string& parent, const std::u16string& leaf, bool* beyondAscii) {
+    *beyondAscii = false;
     _FIND_FILE_DATA data{};
     void* find = volume->FindFirstFileA(Join(parent, u"*").c_str(), &data);
     bool listed = false;
     if (find != nullptr) {
         do {
-            listed = std::u16string(data.FileName) == leaf;
-        } while (!listed && volume->FindNextFileA(find, &data));
+            const std::u16string name = data.FileName;
+            listed = listed || name == leaf;
+            *beyondAscii = *beyondAscii || std::any_of(name.begin(), name.end(), [](char16_t u) { return u >= 0x80; });
+        } while (volume->FindNextFileA(find, &data));
         volume->CloseFindHandle(find);
     }
     return listed;
 }
 
 std::string NotFoundText(CNTFSVolume* volume, const std::u16string& path) {
-    // The first component on the way that cannot be looked up: when its
-    // directory lists it all the same, the look-up (which descends the index
-    // folding only a to z) missed it because the directory was ordered by
-    // another writer's case table.
+    // The first component on the way that cannot be looked up. When its
+    // directory lists it all the same, the look-up (a descent of the index
+    // that folds only a to z) missed it: the directory was ordered otherwise,
+    // by another writer's case table when it has names beyond ASCII.
     std::u16string prefix;
     size_t at = 1;
     for (;;) {
@@ -210,10 +215,12 @@ std::string NotFoundText(CNTFSVolume* volume, const std::u16string& path) {
         if (slash == std::u16string::npos || Stat(volume, prefix, &entry) != ERROR_SUCCESS) break;
         at = slash + 1;
     }
-    if (!Listed(volume, Parent(prefix), LeafName(prefix))) return "no such file or directory";
+    bool beyondAscii = false;
+    if (!Listed(volume, Parent(prefix), LeafName(prefix), &beyondAscii)) return "no such file or directory";
     const std::string why =
-        " but not found by name: the directory was ordered by another writer's case table (letters beyond a to z "
-        "compare differently there), which ntfskit does not read";
+        beyondAscii ? " but not found by name: the directory was ordered by another writer's case table (letters "
+                      "beyond a to z compare differently there), which ntfskit does not read"
+                    : " but not found by name: the directory's index is out of order (damaged)";
     return prefix == path ? "listed in its directory" + why
                           : "its directory " + Utf8(prefix) + " is listed in its parent" + why;
 }
@@ -236,6 +243,33 @@ std::string JsonString(const std::string& text) {
     }
     out.push_back('"');
     return out;
+}
+
+// The directories on the way down a tree walk. A damaged volume can list a
+// directory inside itself, which would be walked for ever: such an entry is
+// reported and passed over.
+class Ancestry {
+public:
+    // False, reported, when `record` is already on the way down.
+    bool Enter(const std::u16string& path, int64_t record) {
+        if (std::find(records_.begin(), records_.end(), record) != records_.end()) {
+            FailText(Utf8(path) + ": directory record " + std::to_string(record) +
+                     " is listed inside itself (a damaged index); not walked again");
+            return false;
+        }
+        records_.push_back(record);
+        return true;
+    }
+    void Leave() { records_.pop_back(); }
+
+private:
+    std::vector<int64_t> records_;
+};
+
+// Whether a name read from the volume can be a name on the host: not empty,
+// not "." or "..", no '/'. Others would place a copy outside its target.
+bool HostSafeName(const std::u16string& name) {
+    return !name.empty() && name != u"." && name != u".." && name.find(u'/') == std::u16string::npos;
 }
 
 class Lister {
@@ -287,6 +321,18 @@ public:
     }
 
     int Tree(const std::u16string& directory, int64_t record, bool header) {
+        if (!ancestry_.Enter(directory, record)) return kExitFailed;
+        const int status = Walk(directory, record, header);
+        ancestry_.Leave();
+        return status;
+    }
+
+    void Finish() {
+        if (options_.json) std::fputs(first_ ? "[]\n" : "\n]\n", Out());
+    }
+
+private:
+    int Walk(const std::u16string& directory, int64_t record, bool header) {
         std::vector<Entry> entries;
         const unsigned int code = ListDirectory(image_->Volume(), image_->Storage(), directory, record, &entries);
         if (code != ERROR_SUCCESS) return FailLookup(image_->Volume(), directory, code);
@@ -303,13 +349,9 @@ public:
         return status;
     }
 
-    void Finish() {
-        if (options_.json) std::fputs(first_ ? "[]\n" : "\n]\n", Out());
-    }
-
-private:
     MountedImage* image_;
     const ListOptions& options_;
+    Ancestry ancestry_;
     bool first_ = true;
 };
 
@@ -528,6 +570,14 @@ public:
     }
 
     int Tree(const std::u16string& path, int64_t record, const std::string& target) {
+        if (!ancestry_.Enter(path, record)) return kExitFailed;
+        const int status = Walk(path, record, target);
+        ancestry_.Leave();
+        return status;
+    }
+
+private:
+    int Walk(const std::u16string& path, int64_t record, const std::string& target) {
         if (::mkdir(target.c_str(), 0777) != 0 && errno != EEXIST) {
             return FailText(target + ": " + std::strerror(errno));
         }
@@ -537,6 +587,12 @@ public:
         int status = 0;
         for (const Entry& entry : entries) {
             const std::u16string child = Join(path, entry.name);
+            if (!HostSafeName(entry.name)) {
+                status |= FailText(Utf8(child) +
+                                   ": a name the host cannot take (empty, '.', '..' or with '/'); "
+                                   "not copied");
+                continue;
+            }
             const std::string childTarget = target + "/" + Utf8(entry.name);
             status |= entry.directory ? Tree(child, entry.record, childTarget) : File(child, entry.record, childTarget);
         }
@@ -549,9 +605,9 @@ public:
         return status;
     }
 
-private:
     MountedImage* image_;
     const GetOptions& options_;
+    Ancestry ancestry_;
 };
 
 bool IsHostDirectory(const std::string& path) {

@@ -299,6 +299,36 @@ TEST_F(CliTest, NameOrderedByAnotherCaseTableIsReportedAsSuch) {
     EXPECT_EQ(errors, "ntfskit: \\unicode\\nothing: no such file or directory\n");
 }
 
+// A damaged index entry (one byte of c4k changed: the root's entry of
+// \MiXeD, record 85, loses its name) lists a directory inside itself: the
+// walks of ls -R and get -R say so and end, and nothing is written outside
+// the target.
+TEST_F(CliTest, DirectoryListedInsideItselfEndsTheWalk) {
+    std::string bytes = ReadFile(image_);
+    ASSERT_EQ(bytes[103570], 0);
+    bytes[103570] = static_cast<char>(237);
+    WriteFile(image_, bytes);
+    const struct {
+        std::string command;
+        const char* message;
+    } walks[] = {
+        {"ls -R " + ShellQuote(image_),
+         "directory record 85 is listed inside itself (a damaged index); not walked again"},
+        // The copy refuses the empty name before it could walk into it.
+        {"get -R " + ShellQuote(image_) + " / " + ShellQuote(dir_ + "/out"),
+         "\\: a name the host cannot take (empty, '.', '..' or with '/'); not copied"},
+    };
+    for (const auto& walk : walks) {
+        const std::string errorFile = dir_ + "/stderr";
+        const test::ToolResult result =
+            RunTool("{ timeout 120 " + Cli() + " " + walk.command + " >/dev/null 2>" + ShellQuote(errorFile) + "; }");
+        const std::string errors = ReadFile(errorFile);
+        EXPECT_EQ(result.status, 1) << walk.command << "\n" << errors;
+        EXPECT_EQ(Count(errors, walk.message), 1u) << walk.command << "\n" << errors;
+    }
+    EXPECT_EQ(RunTool("ls " + ShellQuote(dir_)).output.find("MiXeD"), std::string::npos);
+}
+
 // A read the device answers short: the volume goes on with shifted data and
 // success, the command reports it.
 TEST_F(CliTest, DeviceFailureDuringAReadIsReported) {
