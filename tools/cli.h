@@ -134,5 +134,7 @@ int CommandStat(const GlobalOptions& global, const StatOptions& options);
 int CommandCat(const GlobalOptions& global, const CatOptions& options);
 int CommandGet(const GlobalOptions& global, const GetOptions& options);
 int CommandWrite(const GlobalOptions& global, const WriteOptions& options);
+// ntfskit mount ARGS...: its own options (built with libfuse3 only).
+int CommandMount(int argc, char** argv);
 
 }  // namespace ntfs::cli

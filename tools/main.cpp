@@ -6,6 +6,7 @@
 //   ntfskit cat IMAGE PATH...
 //   ntfskit get [-R] [-p] IMAGE SRC... DEST
 //   ntfskit write [-a] IMAGE PATH [SOURCE]
+//   ntfskit mount [-o ro] [-f] [-d] IMAGE MOUNTPOINT   (built with libfuse3)
 //
 // Read commands open the image read-only. The library's log lines are shown
 // only with -v (on standard error). Errors name the failing image or path and
@@ -14,7 +15,8 @@
 // The parser is one CLI11 application with a subcommand per command; each
 // subcommand fills its options struct (cli.h) and names the function that
 // runs it. The commands that create, remove and rename (put, mkdir, rm,
-// rmdir, mv) are added the same way.
+// rmdir, mv) are added the same way. mount keeps its own option parsing
+// (libfuse's options pass through it) and is handed its arguments as they are.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <functional>
@@ -54,6 +56,9 @@ void Build(CLI::App& app, Parsed& p) {
     app.add_flag("-v,--verbose", p.global.verbose, "Show the library's log lines on standard error");
     app.require_subcommand(1);
     app.footer(
+#ifdef NTFSKIT_HAVE_FUSE
+        "mount [-o ro] [-f] [-d] IMAGE MOUNTPOINT: serve the volume through FUSE (see 'ntfskit mount --help').\n"
+#endif
         "Exit status: 0 success, 1 the operation failed, 2 usage.\n"
         "Run 'ntfskit COMMAND --help' for the options of a command.");
 
@@ -97,6 +102,12 @@ void Build(CLI::App& app, Parsed& p) {
     write->add_option("SOURCE", p.write.source, "Host file to copy in (default '-': standard input)");
 }
 
+#ifdef NTFSKIT_HAVE_FUSE
+#define kMountWord ", mount"
+#else
+#define kMountWord ""
+#endif
+
 // The commands to come with file creation, removal and rename.
 const char* const kComing[] = {"put", "mkdir", "rm", "rmdir", "mv"};
 
@@ -132,9 +143,16 @@ int main(int argc, char** argv) {
                 return kExitUsage;
             }
         }
+#ifdef NTFSKIT_HAVE_FUSE
+        if (word == "mount") {
+            RedirectLibraryLog(false);
+            return CommandMount(argc - i - 1, argv + i + 1);
+        }
+#endif
         if (app.get_subcommands([&word](CLI::App* command) { return command->get_name() == word; }).empty()) {
             std::fprintf(stderr,
-                         "ntfskit: unknown command '%s' (commands: info, ls, stat, cat, get, write)\n"
+                         "ntfskit: unknown command '%s' (commands: info, ls, stat, cat, get, write" kMountWord
+                         ")\n"
                          "Run 'ntfskit --help' for usage.\n",
                          word.c_str());
             return kExitUsage;
