@@ -81,16 +81,26 @@ bool FoldedLess(const std::u16string& a, const std::u16string& b) {
                                         [](char16_t x, char16_t y) { return Fold(x) < Fold(y); });
 }
 
-// "YYYY-MM-DD hh:mm:ss" (UTC) of an NTFS time; with `fraction` the seven
-// digits of 100 ns behind a dot.
-std::string FormatTime(int64_t ntfsTime, bool fraction, char between = ' ') {
+// An NTFS time as a Unix time.
+timespec UnixTime(int64_t ntfsTime) {
     const int64_t sinceEpoch = ntfsTime - kUnixEpoch;
-    int64_t seconds = sinceEpoch / kTicksPerSecond;
+    timespec spec{};
+    spec.tv_sec = static_cast<time_t>(sinceEpoch / kTicksPerSecond);
     int64_t ticks = sinceEpoch % kTicksPerSecond;
     if (ticks < 0) {
         ticks += kTicksPerSecond;
-        --seconds;
+        --spec.tv_sec;
     }
+    spec.tv_nsec = static_cast<long>(ticks * 100);
+    return spec;
+}
+
+// "YYYY-MM-DD hh:mm:ss" (UTC) of an NTFS time; with `fraction` the seven
+// digits of 100 ns behind a dot.
+std::string FormatTime(int64_t ntfsTime, bool fraction, char between = ' ') {
+    const timespec epoch = UnixTime(ntfsTime);
+    const int64_t seconds = epoch.tv_sec;
+    const int64_t ticks = epoch.tv_nsec / 100;
     const std::time_t when = static_cast<std::time_t>(seconds);
     std::tm calendar{};
     gmtime_r(&when, &calendar);
@@ -537,18 +547,7 @@ int CopyOut(MountedImage* image, const std::u16string& path, int64_t record, Sin
 
 // Gives a host file or directory the times of a volume file.
 int KeepTimes(const std::string& target, const FileLayout& layout) {
-    const auto unix = [](int64_t ntfsTime) {
-        timespec spec{};
-        const int64_t since = ntfsTime - kUnixEpoch;
-        spec.tv_sec = static_cast<time_t>(since / kTicksPerSecond);
-        spec.tv_nsec = static_cast<long>((since % kTicksPerSecond) * 100);
-        if (spec.tv_nsec < 0) {
-            spec.tv_nsec += 1000000000;
-            --spec.tv_sec;
-        }
-        return spec;
-    };
-    const timespec times[2] = {unix(layout.Accessed), unix(layout.Modified)};
+    const timespec times[2] = {UnixTime(layout.Accessed), UnixTime(layout.Modified)};
     if (::utimensat(AT_FDCWD, target.c_str(), times, 0) != 0) {
         return FailText(target + ": cannot set its times: " + std::strerror(errno));
     }
