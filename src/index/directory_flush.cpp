@@ -398,7 +398,9 @@ unsigned int CDirectory::RemoveEntry(const char16_t* name) {
     NewClusterRuns.Clear();
     RecordsAdded = 0;
     const int64_t shortfalls = MemoryShortfallCount();
+    RemovalRunning = 1;
     code = Remove(item);
+    RemovalRunning = 0;
     // Deviation for safety, as in InsertAndFlush: a change steered by a node
     // parsed without all its items is given up before it is written.
     if (code == ERROR_SUCCESS && MemoryShortfallCount() != shortfalls) code = ERROR_NOT_ENOUGH_MEMORY;
