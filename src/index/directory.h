@@ -248,7 +248,6 @@ private:
     unsigned int GrowIntoNewClusters(int count, uint8_t* buffer, CPointerArray* runs);
     unsigned int GrowIntoSlack(int count, uint8_t* buffer);
     unsigned int WriteEmptyRecords(int64_t lcn, int clusters, uint8_t* buffer, int64_t* nextRecord, int* recordOffset);
-    unsigned int ResizeIndexBitmap(int64_t items);
 };
 
 // Appends `value` to `list` unless it is already there (two steps, each
