@@ -224,5 +224,69 @@ TEST(InsertRetry, NestedInsertionOfARemovalIsNotRetried) {
     reopened->Release();
 }
 
+// A growth whose bitmap must grow in a full base record: the resize fails,
+// the retry moves $BITMAP out to an extension record instead of
+// $INDEX_ALLOCATION, and the insertion then goes through.
+TEST(InsertRetry, AFailedBitmapResizeMovesTheBitmapOut) {
+    test::ScratchDirectory scratch("c4k");
+    ASSERT_TRUE(scratch.ready);
+    CDirectory* directory = scratch.directory;
+    CFullFileRecord* file = directory->GetFileRecord();
+    std::vector<std::u16string> names;
+    while (!scratch.Large()) {
+        ASSERT_LT(names.size(), 40u);
+        names.push_back(RetryName(static_cast<int>(names.size())));
+        ASSERT_EQ(scratch.InsertName(names.back()), ERROR_SUCCESS);
+    }
+    // 64 records, all in use: the bitmap's 8 bytes are full, and the next
+    // record needs 8 more in a base record without a free byte.
+    while (directory->CBitmapData::GetItemCount() < 64) {
+        ASSERT_EQ(directory->GrowIndexAllocation(1), ERROR_SUCCESS);
+        directory->NewClusterRuns.Clear();
+        directory->RecordsAdded = 0;
+    }
+    ASSERT_EQ(directory->CBitmapData::GetItemCount(), 64);
+    int64_t bit = 0;
+    int got = 0;
+    while (directory->AllocateUnits(1, &bit, &got, 0) == ERROR_SUCCESS) {
+    }
+    const int free = file->GetFreeSpace();
+    ASSERT_GE(free, 40);
+    auto* pad = new CAttribute(free, 1, u"pad");
+    WriteU32(pad->Header, kAttributeTypeOffset, AttributeData);
+    ASSERT_NE(file->CFileRecord::InsertAttribute(pad), nullptr);
+    delete pad;
+    file->RebuildMergedTable();
+    ASSERT_EQ(file->GetFreeSpace(), 0);
+    ASSERT_EQ(directory->WriteDirectoryRecord(), ERROR_SUCCESS);
+    file->Commit();
+
+    // Names until one needs a new index record.
+    testing::internal::CaptureStdout();
+    unsigned int code = ERROR_SUCCESS;
+    const int before = directory->CBitmapData::GetItemCount();
+    while (code == ERROR_SUCCESS && directory->CBitmapData::GetItemCount() == before && names.size() < 80) {
+        names.push_back(RetryName(static_cast<int>(names.size())));
+        code = scratch.InsertName(names.back());
+    }
+    const std::string log = testing::internal::GetCapturedStdout();
+    ASSERT_EQ(code, ERROR_SUCCESS) << log;
+    EXPECT_GT(directory->CBitmapData::GetItemCount(), 64);
+    EXPECT_NE(log.find("Change bitmap size fail."), std::string::npos);
+    EXPECT_NE(log.find("There is no space to store new data in FileRecord, Adjust it."), std::string::npos);
+    CAttribute* bitmap = file->FindAttribute(AttributeBitmap, kIndexName, kIndexNameLength, 0);
+    ASSERT_NE(bitmap, nullptr);
+    EXPECT_NE(bitmap->Record, static_cast<CFileRecord*>(file));
+    EXPECT_EQ(directory->GrowFailed, 0);
+    std::sort(names.begin(), names.end(), test::IndexLess);
+    EXPECT_EQ(test::CheckIndex(directory), "");
+    EXPECT_EQ(test::WalkNames(directory), names);
+
+    test::ScratchDirectory again(scratch.Unmount());
+    ASSERT_TRUE(again.ready);
+    EXPECT_EQ(test::CheckIndex(again.directory), "");
+    EXPECT_EQ(test::WalkNames(again.directory), names);
+}
+
 }  // namespace
 }  // namespace ntfs
