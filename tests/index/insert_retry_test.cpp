@@ -40,14 +40,17 @@ CIndexRecord* LastLeaf(CDirectory* directory) {
     return static_cast<CIndexRecord*>(child);
 }
 
-// Leaves the next growth of the index one that fails for room in the base
-// record: the base record without a free byte; growths of the index, each in
-// a run of its own, until the run list has no room left either; every index
-// record in use, so that the next record needs a growth; and the cluster
-// behind the last run taken, so that the growth makes a new run. The state
-// is written and committed as the change's starting point.
-void StarveIndexGrowth(test::ScratchDirectory& scratch) {
-    CDirectory* directory = scratch.directory;
+// Every index record of `directory` marked in use.
+void FillIndexBitmap(CDirectory* directory) {
+    int64_t bit = 0;
+    int got = 0;
+    while (directory->AllocateUnits(1, &bit, &got, 0) == ERROR_SUCCESS) {
+    }
+}
+
+// The directory's base record without a free byte: a named $DATA stream
+// takes the room. Written and committed.
+void FillBaseRecord(CDirectory* directory) {
     CFullFileRecord* file = directory->GetFileRecord();
     const int free = file->GetFreeSpace();
     ASSERT_GE(free, 40);
@@ -60,12 +63,19 @@ void StarveIndexGrowth(test::ScratchDirectory& scratch) {
     ASSERT_EQ(file->GetFreeSpace(), 0);
     ASSERT_EQ(directory->WriteDirectoryRecord(), ERROR_SUCCESS);
     file->Commit();
-    auto fillBitmap = [&] {
-        int64_t bit = 0;
-        int got = 0;
-        while (directory->AllocateUnits(1, &bit, &got, 0) == ERROR_SUCCESS) {
-        }
-    };
+}
+
+// Leaves the next growth of the index one that fails for room in the base
+// record: the base record without a free byte; growths of the index, each in
+// a run of its own, until the run list has no room left either; every index
+// record in use, so that the next record needs a growth; and the cluster
+// behind the last run taken, so that the growth makes a new run. The state
+// is written and committed as the change's starting point.
+void StarveIndexGrowth(test::ScratchDirectory& scratch) {
+    CDirectory* directory = scratch.directory;
+    CFullFileRecord* file = directory->GetFileRecord();
+    ASSERT_NO_FATAL_FAILURE(FillBaseRecord(directory));
+    auto fillBitmap = [&] { FillIndexBitmap(directory); };
     auto takeClusterBehindLastRun = [&] {
         int runCount = 0;
         int64_t* runs = IndexAllocation(directory)->GetRunList(&runCount);
@@ -246,20 +256,8 @@ TEST(InsertRetry, AFailedBitmapResizeMovesTheBitmapOut) {
         directory->RecordsAdded = 0;
     }
     ASSERT_EQ(directory->CBitmapData::GetItemCount(), 64);
-    int64_t bit = 0;
-    int got = 0;
-    while (directory->AllocateUnits(1, &bit, &got, 0) == ERROR_SUCCESS) {
-    }
-    const int free = file->GetFreeSpace();
-    ASSERT_GE(free, 40);
-    auto* pad = new CAttribute(free, 1, u"pad");
-    WriteU32(pad->Header, kAttributeTypeOffset, AttributeData);
-    ASSERT_NE(file->CFileRecord::InsertAttribute(pad), nullptr);
-    delete pad;
-    file->RebuildMergedTable();
-    ASSERT_EQ(file->GetFreeSpace(), 0);
-    ASSERT_EQ(directory->WriteDirectoryRecord(), ERROR_SUCCESS);
-    file->Commit();
+    FillIndexBitmap(directory);
+    ASSERT_NO_FATAL_FAILURE(FillBaseRecord(directory));
 
     // Names until one needs a new index record.
     testing::internal::CaptureStdout();
