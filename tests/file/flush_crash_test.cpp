@@ -215,11 +215,19 @@ struct DirectoryWorkload {
     size_t last = 0;   // writes landed after it
     std::set<std::u16string> before;
     std::set<std::u16string> after;
+    size_t operation = 0;  // its place in the run's operations
+};
+
+// One change of the run: an insertion or a removal of a name.
+struct DirectoryOperation {
+    bool insert;
+    std::u16string name;
 };
 
 struct DirectoryRun {
     std::vector<uint8_t> original;
     std::vector<test::FaultStorage::WriteEntry> log;
+    std::vector<DirectoryOperation> operations;
     std::vector<DirectoryWorkload> workloads;
 };
 
@@ -259,7 +267,9 @@ DirectoryRun RecordDirectoryRun() {
         return now;
     };
     auto change = [&](const std::string& workload, bool insert, const std::u16string& name) {
-        DirectoryWorkload work{workload, scratch.mounted.Faults().WriteLog().size(), 0, names, {}};
+        DirectoryWorkload work{
+            workload, scratch.mounted.Faults().WriteLog().size(), 0, names, {}, run.operations.size()};
+        run.operations.push_back({insert, name});
         EXPECT_EQ(insert ? scratch.InsertName(name) : scratch.RemoveName(name), ERROR_SUCCESS) << workload;
         if (insert) names.insert(name);
         if (!insert) names.erase(name);
@@ -392,5 +402,50 @@ TEST(FlushCrash, PowerCutAtEveryWriteOfDirectoryGrowthAndRemoval) {
         std::printf("%s: writes %zu to %zu, cut after%s\n", work.name.c_str(), work.first, work.last, tried.c_str());
     }
 }
+// The same workloads with a failing device write in place of a power cut:
+// the change before it is replayed, then write k of the change fails. The
+// directory in memory must then equal the one on disk, and both hold the old
+// or the new names (before the commit point the change is undone in memory,
+// after it it stands).
+TEST(FlushCrash, FailedWriteInDirectoryGrowthAndRemovalLeavesMemoryAndDiskAlike) {
+    const DirectoryRun run = RecordDirectoryRun();
+    ASSERT_EQ(run.workloads.size(), 4u);
+    for (const DirectoryWorkload& work : run.workloads) {
+        for (size_t k = work.first; k < work.last; ++k) {
+            SCOPED_TRACE(work.name + ", failed write " + std::to_string(k));
+            test::ScratchDirectory scratch(run.original);
+            ASSERT_TRUE(scratch.ready);
+            for (size_t i = 0; i < work.operation; ++i) {
+                const DirectoryOperation& operation = run.operations[i];
+                ASSERT_EQ(operation.insert ? scratch.InsertName(operation.name) : scratch.RemoveName(operation.name),
+                          ERROR_SUCCESS);
+            }
+            ASSERT_EQ(scratch.mounted.Faults().WriteLog().size(), work.first);
+            scratch.mounted.Faults().FailNthWrite(static_cast<int>(k) + 1, ERROR_IO_DEVICE);
+            const DirectoryOperation& operation = run.operations[work.operation];
+            const unsigned int code =
+                operation.insert ? scratch.InsertName(operation.name) : scratch.RemoveName(operation.name);
+            std::set<std::u16string> inMemory = WalkedSet(scratch.directory);
+            EXPECT_EQ(test::CheckIndex(scratch.directory), "") << "code " << code;
+            scratch.mounted.Faults().Heal();
+            // The caller tries again: a change given up must leave the
+            // directory able to take it.
+            if (code != ERROR_SUCCESS && inMemory == work.before) {
+                EXPECT_EQ(operation.insert ? scratch.InsertName(operation.name) : scratch.RemoveName(operation.name),
+                          ERROR_SUCCESS);
+                EXPECT_EQ(WalkedSet(scratch.directory), work.after);
+                EXPECT_EQ(test::CheckIndex(scratch.directory), "");
+                inMemory = WalkedSet(scratch.directory);
+            }
+            const std::vector<uint8_t> image = scratch.Unmount();
+            EXPECT_EQ(CheckDirectorySurvivor(image, work), "") << "code " << code;
+            test::ScratchDirectory survivor(image);
+            ASSERT_TRUE(survivor.ready);
+            EXPECT_TRUE(WalkedSet(survivor.directory) == inMemory)
+                << "code " << code << ", in memory " << inMemory.size();
+        }
+    }
+}
+
 }  // namespace
 }  // namespace ntfs
