@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -324,6 +325,136 @@ TEST(CompressedWrite, PartialAndWholeUnitsOfTextRandomAndZeros) {
 TEST(CompressedWrite, GrowsAtItsEnd) {
     const DataLayout layout = WriteAndCheck("c4k", u"\\compressed\\text-300k.txt", {{300001, TextBytes(200000, 17)}});
     EXPECT_EQ(layout.DataSize, 500001);
+}
+
+// A truncating open frees each cluster of a file written through these paths
+// once: the hole written in front of a unit maps the file's first cluster
+// and the clusters of other files behind it, and none of those is freed.
+TEST(SparseWrite, TruncationFreesEachClusterOnce) {
+    MountedVolume mounted("c4k");
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    const char16_t* path = u"\\sparse\\islands.bin";
+    const int64_t freeBefore = test::AuditClusters(volume).FreeClusters;
+    void* handle = volume->CreateFileA(path, 0, kOpenExisting, kReadWrite);
+    ASSERT_NE(handle, nullptr);
+    unsigned int low = kUnit4k;
+    ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileBegin), ERROR_SUCCESS);
+    const std::vector<uint8_t> data = RandomBytes(kUnit4k, 20);
+    int done = 0;
+    ASSERT_EQ(volume->WriteFile(handle, data.data(), static_cast<int>(data.size()), &done), 1);
+    ASSERT_EQ(volume->GetLastError(), ERROR_SUCCESS);
+    ASSERT_EQ(volume->CloseFileHandle(handle), 1);
+    const DataLayout layout = Layout(volume, RecordOf(volume, path));
+    ASSERT_TRUE(layout.Runs.size() > 2 && layout.Runs[1].ZeroDelta) << Describe(layout);
+    ExpectAudited(volume);
+    EXPECT_EQ(test::AuditClusters(volume).FreeClusters, freeBefore - 16);
+
+    handle = volume->CreateFileA(path, 0, kTruncateExisting, kReadWrite);
+    ASSERT_NE(handle, nullptr);
+    ASSERT_EQ(volume->CloseFileHandle(handle), 1);
+    ExpectAudited(volume);
+    // The file held 1 + 1 + 18 clusters of its own and the 16 new ones.
+    EXPECT_EQ(test::AuditClusters(volume).FreeClusters, freeBefore + 20);
+}
+
+// The address space a compressed file reserves when it grows repeats the LCN
+// of its last run, whose clusters other files' follow: a truncating open
+// frees none of them.
+TEST(CompressedWrite, TruncationFreesNoReservedAddressSpace) {
+    MountedVolume mounted("c4k");
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    const char16_t* path = u"\\compressed\\text-300k.txt";
+    const int64_t freeBefore = test::AuditClusters(volume).FreeClusters;
+    void* handle = volume->CreateFileA(path, 0, kOpenExisting, kReadWrite);
+    ASSERT_NE(handle, nullptr);
+    auto* file = static_cast<CFileHandle*>(handle);
+    file->FileRecord->LockExclusive();
+    unsigned int clusters = 32;
+    ASSERT_EQ(file->ReserveCompressedClusters(&clusters), ERROR_SUCCESS);
+    int64_t changed = 0;
+    ASSERT_EQ(volume->UpdateFileRecord(file->FileRecord, nullptr, nullptr, &changed), 1);
+    file->FileRecord->UnlockExclusive();
+    ASSERT_EQ(volume->CloseFileHandle(handle), 1);
+    const DataLayout layout = Layout(volume, RecordOf(volume, path));
+    ASSERT_TRUE(layout.Runs.back().ZeroDelta) << Describe(layout);
+    ExpectAudited(volume);
+
+    handle = volume->CreateFileA(path, 0, kTruncateExisting, kReadWrite);
+    ASSERT_NE(handle, nullptr);
+    ASSERT_EQ(volume->CloseFileHandle(handle), 1);
+    ExpectAudited(volume);
+    // Four units of seven clusters and a tail of four.
+    EXPECT_EQ(test::AuditClusters(volume).FreeClusters, freeBefore + 32);
+}
+
+// Writes and shortenings at random places of a file emptied by a truncating
+// open, against a plain copy in memory; the file is read back after every
+// step, after each reopen and after a remount, and audited at the end.
+void RandomSequence(const char16_t* path, uint32_t seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    MountedVolume mounted("c4k");
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    std::vector<uint8_t> model;
+    void* handle = volume->CreateFileA(path, 0, kTruncateExisting, kReadWrite);
+    ASSERT_NE(handle, nullptr);
+    for (int step = 0; step < 24; ++step) {
+        SCOPED_TRACE("step " + std::to_string(step));
+        const int64_t size = static_cast<int64_t>(model.size());
+        const int64_t at = size == 0 ? 0 : static_cast<int64_t>(random() % (size + 1));
+        unsigned int low = static_cast<unsigned int>(at);
+        ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileBegin), ERROR_SUCCESS);
+        int done = 0;
+        const unsigned int kind = random() % 8;
+        if (kind == 0) {
+            // A write of no bytes ends non-resident data at the pointer;
+            // resident data stays as it is.
+            const bool resident = static_cast<CFileHandle*>(handle)->Resident != 0;
+            ASSERT_EQ(volume->WriteFile(handle, model.data(), 0, &done), 1);
+            if (!resident) model.resize(static_cast<size_t>(at));
+        } else {
+            const size_t length = 1 + random() % (kind == 1 ? 300 : 150000);
+            const std::vector<uint8_t> data = kind == 2   ? std::vector<uint8_t>(length, 0)
+                                              : kind <= 4 ? TextBytes(length, random())
+                                                          : RandomBytes(length, random());
+            ASSERT_EQ(volume->WriteFile(handle, data.data(), static_cast<int>(length), &done), 1);
+            ASSERT_EQ(volume->GetLastError(), ERROR_SUCCESS);
+            ASSERT_EQ(done, static_cast<int>(length));
+            if (model.size() < at + length) model.resize(at + length);
+            std::memcpy(model.data() + at, data.data(), length);
+        }
+        if (random() % 4 == 0) {
+            ASSERT_EQ(volume->CloseFileHandle(handle), 1);
+            ASSERT_TRUE(ReadWhole(volume, path) == model);
+            handle = volume->CreateFileA(path, 0, kOpenExisting, kReadWrite);
+            ASSERT_NE(handle, nullptr);
+        }
+    }
+    ASSERT_EQ(volume->CloseFileHandle(handle), 1);
+    ASSERT_TRUE(ReadWhole(volume, path) == model);
+    volume->Umount();
+    MountedVolume again(mounted.Memory().Bytes());
+    ASSERT_EQ(again.Mount(), 1);
+    EXPECT_TRUE(ReadWhole(again.Volume(), path) == model);
+    ExpectAudited(again.Volume());
+}
+
+uint32_t SequenceSeed(uint32_t fixed) {
+    const char* chosen = std::getenv("NTFSKIT_UNIT_WRITE_SEED");
+    return chosen != nullptr ? static_cast<uint32_t>(std::strtoul(chosen, nullptr, 10)) : fixed;
+}
+
+TEST(SparseWrite, RandomWritesAndShorteningsAgainstAModel) {
+    RandomSequence(u"\\sparse\\islands.bin", SequenceSeed(1501));
+    RandomSequence(u"\\sparse\\islands.bin", SequenceSeed(std::random_device()()));
+}
+
+TEST(CompressedWrite, RandomWritesAndShorteningsAgainstAModel) {
+    RandomSequence(u"\\compressed\\text-300k.txt", SequenceSeed(1502));
+    RandomSequence(u"\\compressed\\text-300k.txt", SequenceSeed(std::random_device()()));
 }
 
 }  // namespace
