@@ -416,7 +416,10 @@ unsigned int CFullFileRecord::RemapCompressionUnit(_RUN_CURSOR* cursor, int32_t 
     head->Mark();
     Modified = 1;
     int64_t changed = 0;
-    return volume->WriteChangedRecord(this, nullptr, nullptr, &changed);
+    code = volume->WriteChangedRecord(this, nullptr, nullptr, &changed);
+    // What is on disk now is what a later failed change returns to.
+    if (code == ERROR_SUCCESS) Commit();
+    return code;
 }
 
 }  // namespace ntfs

@@ -51,6 +51,12 @@ public:
     // Reserves address space for compressed data to the next unit boundary;
     // *clusters in and out.
     [[nodiscard]] unsigned int ReserveCompressedClusters(unsigned int* clusters);
+    // The reservation `run` (`runBytes` with its end byte) of `reserved`
+    // clusters when the record of `attribute`, the last piece, is full: it
+    // goes into a new extension record, with the piece when the piece shares
+    // its record, else as a new piece of its own.
+    [[nodiscard]] unsigned int SpillReservation(CAttribute* attribute, const uint8_t* run, int runBytes,
+                                                int64_t reserved);
     // Writes sizes and times into the record and every index entry of the file
     // in its directory.
     [[nodiscard]] unsigned int UpdateIndexEntries(int64_t* accessTime, int64_t* writeTime);

@@ -49,6 +49,7 @@ struct DataLayout {
     int Exponent = 0;
     int64_t DataSize = 0;
     int Pieces = 0;
+    int ExtensionRecords = 0;
 };
 
 DataLayout Layout(CNTFSVolume* volume, int64_t number) {
@@ -76,6 +77,7 @@ DataLayout Layout(CNTFSVolume* volume, int64_t number) {
             position += run.Bytes;
         }
     }
+    layout.ExtensionRecords = record->GetExtensionRecords().GetCount();
     record->Release();
     return layout;
 }
@@ -304,6 +306,35 @@ TEST(SparseWrite, GrowsAtItsEnd) {
     const DataLayout layout =
         WriteAndCheck("c4k", u"\\sparse\\islands.bin", {{4194304, RandomBytes(3 * kUnit4k + 123, 10)}});
     EXPECT_EQ(layout.DataSize, 4194304 + 3 * kUnit4k + 123);
+}
+
+// A file grown one unit per write: its run list fills the record of its
+// last piece and goes on in a new extension record, and the units after the
+// spill are written there.
+TEST(SparseWrite, GrownUnitByUnitSpillsIntoAnExtensionRecord) {
+    const char16_t* path = u"\\frag\\sparse-striped.bin";
+    MountedVolume fixture("c512");
+    ASSERT_EQ(fixture.Mount(), 1);
+    const int64_t number = RecordOf(fixture.Volume(), path);
+    const DataLayout before = Layout(fixture.Volume(), number);
+    const int64_t size = before.DataSize;
+    std::vector<Write> writes;
+    for (int unit = 0; unit < 400; ++unit) {
+        writes.push_back({size + unit * 8192, RandomBytes(8192, 100 + unit)});
+    }
+    const DataLayout after = WriteAndCheck("c512", path, writes);
+    EXPECT_GT(after.Pieces, before.Pieces);
+    EXPECT_EQ(after.DataSize, size + 400 * 8192);
+}
+
+// A compressed file whose run list shares the base record, grown one unit
+// per write: the list outgrows the record and moves whole into an extension
+// record, where the next units go on.
+TEST(CompressedWrite, GrownUnitByUnitMovesOutOfTheBaseRecord) {
+    std::vector<Write> writes;
+    for (int unit = 0; unit < 240; ++unit) writes.push_back({300001 + unit * 16384, TextBytes(16384, 300 + unit)});
+    const DataLayout after = WriteAndCheck("c1k", u"\\compressed\\text-300k.txt", writes);
+    EXPECT_EQ(after.ExtensionRecords, 1);
 }
 
 TEST(SparseWrite, UnitsWithManyHolesGetEveryHoleFilled) {
