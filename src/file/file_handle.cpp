@@ -152,9 +152,13 @@ unsigned int CFileHandle::SpillDataPiece(CAttribute* attribute, int64_t lcn, int
         piece = BuildDataPiece(last + 1, lcn, take);
         if (piece == nullptr) code = ERROR_NOT_ENOUGH_MEMORY;
     }
+    // The piece covers its new run before it is written anywhere.
+    return PlacePiece(extension, piece, last + take, code);
+}
+
+unsigned int CFileHandle::PlacePiece(CFileRecord* extension, CAttribute* piece, int64_t highestVcn, unsigned int code) {
     if (code == ERROR_SUCCESS) {
-        // The piece covers its new run before it is written anywhere.
-        WriteU64(piece->Header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(last + take));
+        WriteU64(piece->Header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(highestVcn));
         CAttribute* placed = extension->InsertAttribute(piece);
         if (placed == nullptr || placed->GetType() != AttributeData) code = ERROR_NOT_ENOUGH_MEMORY;
     }
@@ -205,20 +209,9 @@ unsigned int CFileHandle::SpillReservation(CAttribute* attribute, const uint8_t*
                         static_cast<size_t>(runBytes));
         }
     }
-    if (code == ERROR_SUCCESS) {
-        WriteU64(piece->Header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(last + reserved));
-        CAttribute* placed = extension->InsertAttribute(piece);
-        if (placed == nullptr || placed->GetType() != AttributeData) code = ERROR_NOT_ENOUGH_MEMORY;
-    }
-    delete piece;
-    if (code == ERROR_SUCCESS) code = FileRecord->AddExtensionRecord(extension);
-    if (code != ERROR_SUCCESS) {
-        (void)Volume->DeleteFileRecordFromMFT(extension->RecordNumber);
-        delete extension;
-        // The records return to what was last written, the moved piece with
-        // them.
-        if (removed) FileRecord->Revert();
-    }
+    code = PlacePiece(extension, piece, last + reserved, code);
+    // The records return to what was last written, the moved piece with them.
+    if (code != ERROR_SUCCESS && removed) FileRecord->Revert();
     return code;
 }
 

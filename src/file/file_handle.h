@@ -23,6 +23,7 @@ namespace ntfs {
 
 class CFindHandle;
 class CAttribute;
+class CFileRecord;
 class CFullFileRecord;
 class CNTFSVolume;
 
@@ -55,6 +56,11 @@ public:
     // clusters when the record of `attribute`, the last piece, is full: it
     // goes into a new extension record, with the piece when the piece shares
     // its record, else as a new piece of its own.
+    // Places `piece` (deleted here) with `highestVcn` into `extension`, a new
+    // record, and joins the record to the file, unless `code` already tells
+    // a failure; on failure the record goes back to the MFT.
+    [[nodiscard]] unsigned int PlacePiece(CFileRecord* extension, CAttribute* piece, int64_t highestVcn,
+                                          unsigned int code);
     [[nodiscard]] unsigned int SpillReservation(CAttribute* attribute, const uint8_t* run, int runBytes,
                                                 int64_t reserved);
     // Writes sizes and times into the record and every index entry of the file
