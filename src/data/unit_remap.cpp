@@ -194,6 +194,141 @@ unsigned int SpillPiece(CFullFileRecord* file, CAttribute* piece, const CAttribu
     return code;
 }
 
+// The unit at a cursor as records: the part of the first run in front of
+// the unit, the unit, the rest of its last run, the holes behind it, and the
+// real run after them, whose delta changes with the unit's runs.
+struct _UNIT_RECORDS {
+    CAttribute* Piece = nullptr;
+    _PIECE_RUNS Runs;
+    std::unique_ptr<_RUN_RECORD, FreeDeleter> Records;
+    std::unique_ptr<uint8_t, FreeDeleter> Encoded;
+    int Count = 0;
+    int RegionStart = 0;  // the pairs the records replace, in the piece
+    int RegionEnd = 0;
+    int32_t RealClusters = 0;  // up to the end of the unit's last real run
+    int64_t UnitStart = 0;
+    int64_t UnitEnd = 0;
+};
+
+unsigned int CollectUnit(CFullFileRecord* file, const _RUN_CURSOR& cursor, int32_t clustersPerUnit,
+                         _UNIT_RECORDS* unit) {
+    CClusterBitmap* bitmap = file->GetVolume()->GetClusterBitmap();
+    if (clustersPerUnit <= 0 || bitmap == nullptr || cursor.Piece < 0) return ERROR_INVALID_PARAMETER;
+    CAttribute* piece = file->FindAttribute(cursor.AttributeType, cursor.Name, cursor.NameLength,
+                                            static_cast<unsigned int>(cursor.Piece));
+    if (piece == nullptr || piece->IsResident() || !piece->BodyFits()) return ERROR_FILE_CORRUPT;
+    unit->Piece = piece;
+    unit->UnitStart = cursor.Vcn;
+    unit->UnitEnd = cursor.Vcn + clustersPerUnit;
+    const int64_t unitStart = unit->UnitStart;
+    const int64_t unitEnd = unit->UnitEnd;
+    // A unit whose runs go on in the next piece is not rewritten: that
+    // would close pieces and open new ones around the unit, which is not
+    // built. The call ends with 50 and nothing changed.
+    if (unitStart < piece->GetLowestVcn() || unitEnd - 1 > piece->GetHighestVcn()) return ERROR_NOT_SUPPORTED;
+
+    _PIECE_RUNS& runs = unit->Runs;
+    const unsigned int code = DecodePiece(piece, bitmap->GetItemCount(), &runs);
+    if (code != ERROR_SUCCESS) return code;
+    int first = -1;
+    int last = -1;
+    for (int i = 0; i < runs.Count; ++i) {
+        const int64_t end = runs.Runs[i].Vcn + runs.Runs[i].Length;
+        if (first < 0 && end > unitStart) first = i;
+        if (first >= 0 && end >= unitEnd) {
+            last = i;
+            break;
+        }
+    }
+    // The piece's runs end before the VCNs its header claims.
+    if (first < 0 || last < 0) return ERROR_FILE_CORRUPT;
+
+    const int capacity = clustersPerUnit + 2 * (last - first + 1) + 6;
+    unit->Records.reset(static_cast<_RUN_RECORD*>(std::calloc(static_cast<size_t>(capacity), sizeof(_RUN_RECORD))));
+    unit->Encoded.reset(static_cast<uint8_t*>(std::malloc(static_cast<size_t>(capacity) * kMaxEncodedRunSize + 1)));
+    if (unit->Records == nullptr || unit->Encoded == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+    _RUN_RECORD* records = unit->Records.get();
+    int& count = unit->Count;
+    auto add = [&](const _PIECE_RUN& from, int64_t lcn, int64_t length, uint16_t boundary) {
+        _RUN_RECORD& record = records[count++];
+        record.Lcn = lcn;
+        record.Length = length;
+        record.PieceOrdinal = static_cast<uint16_t>(cursor.Piece);
+        record.Boundary = boundary;
+        record.EncodedRun = piece->Header + from.Position;
+        record.PreviousLcn = from.PreviousLcn;
+    };
+    // Behind the unit a hole joins a hole in front of it.
+    auto addBehind = [&](const _PIECE_RUN& from, int64_t lcn, int64_t length) {
+        if (lcn == 0 && records[count - 1].Lcn == 0) {
+            records[count - 1].Length += length;
+        } else {
+            add(from, lcn, length, 1);
+        }
+    };
+    int64_t collected = 0;
+    for (int i = first; i <= last; ++i) {
+        const _PIECE_RUN& run = runs.Runs[i];
+        const int64_t from = (unitStart > run.Vcn ? unitStart : run.Vcn) - run.Vcn;
+        const int64_t to = (unitEnd < run.Vcn + run.Length ? unitEnd : run.Vcn + run.Length) - run.Vcn;
+        if (i == first && from > 0) add(run, run.Hole ? 0 : run.Lcn, from, 1);
+        add(run, run.Hole ? 0 : run.Lcn + from, to - from, 0);
+        collected += to - from;
+        if (!run.Hole) unit->RealClusters = static_cast<int32_t>(collected);
+        if (i == last && to < run.Length) addBehind(run, run.Hole ? 0 : run.Lcn + to, run.Length - to);
+    }
+    int next = last + 1;
+    while (next < runs.Count && runs.Runs[next].Hole) {
+        addBehind(runs.Runs[next], 0, runs.Runs[next].Length);
+        ++next;
+    }
+    if (next < runs.Count) {
+        add(runs.Runs[next], runs.Runs[next].Lcn, runs.Runs[next].Length, 1);
+        ++next;
+    }
+    unit->RegionStart = runs.Runs[first].Position;
+    unit->RegionEnd = runs.Runs[next - 1].Position + runs.Runs[next - 1].Bytes;
+    return ERROR_SUCCESS;
+}
+
+// Puts the encoded records of `unit` in place of its old pairs; a full
+// record opens an extension record.
+unsigned int PlaceUnit(CFullFileRecord* file, _UNIT_RECORDS* unit, const CAttribute& original, int32_t encodedSize) {
+    unsigned int code = SpliceRuns(unit->Piece, unit->RegionStart, unit->RegionEnd, unit->Runs.End, unit->Encoded.get(),
+                                   encodedSize - 1);
+    if (code == ERROR_INSUFFICIENT_BUFFER) {
+        code = SpillPiece(file, unit->Piece, original, unit->RegionStart, unit->RegionEnd, unit->Runs.End,
+                          unit->Encoded.get(), encodedSize - 1, unit->UnitStart, unit->UnitEnd);
+    }
+    return code;
+}
+
+// Adds `clusters` to the compressed size of piece 0 (when its header has
+// one) and `dataClusters` to its data and initialized sizes, then writes the
+// records and commits what was written.
+unsigned int UpdateSizes(CFullFileRecord* file, const _RUN_CURSOR& cursor, int64_t clusters, int64_t dataClusters) {
+    CNTFSVolume* volume = file->GetVolume();
+    CAttribute* head = file->FindAttribute(cursor.AttributeType, cursor.Name, cursor.NameLength, 0);
+    if (head == nullptr || head->IsResident()) return ERROR_FILE_CORRUPT;
+    const int64_t clusterSize = volume->GetClusterSize();
+    const uint64_t grown = static_cast<uint64_t>(dataClusters * clusterSize);
+    WriteU64(head->Header, kNonResidentDataSizeOffset, ReadU64(head->Header, kNonResidentDataSizeOffset) + grown);
+    WriteU64(head->Header, kNonResidentInitializedSizeOffset,
+             ReadU64(head->Header, kNonResidentInitializedSizeOffset) + grown);
+    if (HasCompressedSize(head)) {
+        WriteU64(
+            head->Header, kNonResidentCompressedSizeOffset,
+            ReadU64(head->Header, kNonResidentCompressedSizeOffset) + static_cast<uint64_t>(clusters * clusterSize));
+    }
+    head->Mark();
+    file->MarkModified();
+    int64_t changed = 0;
+    if (!volume->UpdateFileRecord(file, nullptr, nullptr, &changed)) return volume->GetLastError();
+    // What is on disk now is what a later failed change returns to.
+    file->Commit();
+    return ERROR_SUCCESS;
+}
+
 }  // namespace
 
 unsigned int CFullFileRecord::MergeAndExtendRuns(_RUN_RECORD* records, int32_t* recordCount, int32_t clustersWanted,
@@ -290,136 +425,37 @@ unsigned int CFullFileRecord::MergeAndExtendRuns(_RUN_RECORD* records, int32_t* 
 unsigned int CFullFileRecord::RemapCompressionUnit(_RUN_CURSOR* cursor, int32_t clustersPerUnit, int32_t clustersWanted,
                                                    int32_t* realClusters) {
     *realClusters = 0;
-    CNTFSVolume* volume = CFileRecord::Volume;
-    CClusterBitmap* bitmap = volume->GetClusterBitmap();
-    if (clustersPerUnit <= 0 || clustersWanted < 0 || clustersWanted > clustersPerUnit || bitmap == nullptr ||
-        cursor->Piece < 0) {
-        return ERROR_INVALID_PARAMETER;
-    }
-    CAttribute* piece = FindAttribute(cursor->AttributeType, cursor->Name, cursor->NameLength,
-                                      static_cast<unsigned int>(cursor->Piece));
-    if (piece == nullptr || piece->IsResident() || !piece->BodyFits()) return ERROR_FILE_CORRUPT;
-    const int64_t unitStart = cursor->Vcn;
-    const int64_t unitEnd = unitStart + clustersPerUnit;
-    // A unit whose runs go on in the next piece is not rewritten: that
-    // would close pieces and open new ones around the unit, which is not
-    // built. The call ends with 50 and nothing changed.
-    if (unitStart < piece->GetLowestVcn() || unitEnd - 1 > piece->GetHighestVcn()) return ERROR_NOT_SUPPORTED;
-
-    _PIECE_RUNS runs;
-    unsigned int code = DecodePiece(piece, bitmap->GetItemCount(), &runs);
+    if (clustersWanted < 0 || clustersWanted > clustersPerUnit) return ERROR_INVALID_PARAMETER;
+    _UNIT_RECORDS unit;
+    unsigned int code = CollectUnit(this, *cursor, clustersPerUnit, &unit);
     if (code != ERROR_SUCCESS) return code;
-    int first = -1;
-    int last = -1;
-    for (int i = 0; i < runs.Count; ++i) {
-        const int64_t end = runs.Runs[i].Vcn + runs.Runs[i].Length;
-        if (first < 0 && end > unitStart) first = i;
-        if (first >= 0 && end >= unitEnd) {
-            last = i;
-            break;
-        }
-    }
-    // The piece's runs end before the VCNs its header claims.
-    if (first < 0 || last < 0) return ERROR_FILE_CORRUPT;
-
-    // 1. and 2. Collect: the part of the first run in front of the unit, the
-    //    unit, the rest of its last run, the holes behind it, and the real
-    //    run after them, whose delta changes.
-    const int capacity = clustersPerUnit + 2 * (last - first + 1) + 6;
-    std::unique_ptr<_RUN_RECORD, FreeDeleter> holder(
-        static_cast<_RUN_RECORD*>(std::calloc(static_cast<size_t>(capacity), sizeof(_RUN_RECORD))));
-    std::unique_ptr<uint8_t, FreeDeleter> encoded(
-        static_cast<uint8_t*>(std::malloc(static_cast<size_t>(capacity) * kMaxEncodedRunSize + 1)));
-    if (holder == nullptr || encoded == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
-    _RUN_RECORD* records = holder.get();
-    int count = 0;
-    auto add = [&](const _PIECE_RUN& from, int64_t lcn, int64_t length, uint16_t boundary) {
-        _RUN_RECORD& record = records[count++];
-        record.Lcn = lcn;
-        record.Length = length;
-        record.PieceOrdinal = static_cast<uint16_t>(cursor->Piece);
-        record.Boundary = boundary;
-        record.EncodedRun = piece->Header + from.Position;
-        record.PreviousLcn = from.PreviousLcn;
-    };
-    // Behind the unit a hole joins a hole in front of it.
-    auto addBehind = [&](const _PIECE_RUN& from, int64_t lcn, int64_t length) {
-        if (lcn == 0 && records[count - 1].Lcn == 0) {
-            records[count - 1].Length += length;
-        } else {
-            add(from, lcn, length, 1);
-        }
-    };
-    int64_t collected = 0;
-    for (int i = first; i <= last; ++i) {
-        const _PIECE_RUN& run = runs.Runs[i];
-        const int64_t from = (unitStart > run.Vcn ? unitStart : run.Vcn) - run.Vcn;
-        const int64_t to = (unitEnd < run.Vcn + run.Length ? unitEnd : run.Vcn + run.Length) - run.Vcn;
-        if (i == first && from > 0) add(run, run.Hole ? 0 : run.Lcn, from, 1);
-        add(run, run.Hole ? 0 : run.Lcn + from, to - from, 0);
-        collected += to - from;
-        if (!run.Hole) *realClusters = static_cast<int32_t>(collected);
-        if (i == last && to < run.Length) addBehind(run, run.Hole ? 0 : run.Lcn + to, run.Length - to);
-    }
-    int next = last + 1;
-    while (next < runs.Count && runs.Runs[next].Hole) {
-        addBehind(runs.Runs[next], 0, runs.Runs[next].Length);
-        ++next;
-    }
-    if (next < runs.Count) {
-        add(runs.Runs[next], runs.Runs[next].Lcn, runs.Runs[next].Length, 1);
-        ++next;
-    }
-    const int regionStart = runs.Runs[first].Position;
-    const int regionEnd = runs.Runs[next - 1].Position + runs.Runs[next - 1].Bytes;
+    *realClusters = unit.RealClusters;
     if (clustersWanted == 0) return ERROR_SUCCESS;
 
     // The image before the change, for the way back.
-    std::unique_ptr<CAttribute> original(piece->Clone());
+    std::unique_ptr<CAttribute> original(unit.Piece->Clone());
     if (original == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
-    int32_t recordCount = count;
+    _RUN_RECORD* records = unit.Records.get();
+    int32_t recordCount = unit.Count;
     int32_t encodedSize = 0;
     int32_t allocated = 0;
-    code = MergeAndExtendRuns(records, &recordCount, clustersWanted, encoded.get(), &encodedSize, &allocated);
+    code = MergeAndExtendRuns(records, &recordCount, clustersWanted, unit.Encoded.get(), &encodedSize, &allocated);
     if (code != ERROR_SUCCESS) return code;
     // A unit that has the clusters already keeps its pairs as they are.
     if (allocated == 0) return ERROR_SUCCESS;
-    // 7. to 9. Put the new pairs in place; a full record opens an extension
-    //    record.
-    code = SpliceRuns(piece, regionStart, regionEnd, runs.End, encoded.get(), encodedSize - 1);
-    if (code == ERROR_INSUFFICIENT_BUFFER) {
-        code = SpillPiece(this, piece, *original, regionStart, regionEnd, runs.End, encoded.get(), encodedSize - 1,
-                          unitStart, unitEnd);
-    }
+    code = PlaceUnit(this, &unit, *original, encodedSize);
     if (code != ERROR_SUCCESS) {
         // Nothing maps the new clusters: they go back.
         for (int i = 0; i < recordCount; ++i) {
             if (records[i].EncodedRun != nullptr || records[i].Lcn == 0) continue;
             int64_t start = records[i].Lcn;
-            (void)volume->FreeClusters(&start, static_cast<int>(records[i].Length));
+            (void)CFileRecord::Volume->FreeClusters(&start, static_cast<int>(records[i].Length));
         }
         return code;
     }
-
     // 11. The sizes of piece 0 follow the clusters taken; the handle sets the
     //     final sizes at close.
-    CAttribute* head = FindAttribute(cursor->AttributeType, cursor->Name, cursor->NameLength, 0);
-    if (head == nullptr || head->IsResident()) return ERROR_FILE_CORRUPT;
-    const uint64_t grown = static_cast<uint64_t>(allocated) * static_cast<uint64_t>(ClusterSize);
-    WriteU64(head->Header, kNonResidentDataSizeOffset, ReadU64(head->Header, kNonResidentDataSizeOffset) + grown);
-    WriteU64(head->Header, kNonResidentInitializedSizeOffset,
-             ReadU64(head->Header, kNonResidentInitializedSizeOffset) + grown);
-    if (HasCompressedSize(head)) {
-        WriteU64(head->Header, kNonResidentCompressedSizeOffset,
-                 ReadU64(head->Header, kNonResidentCompressedSizeOffset) + grown);
-    }
-    head->Mark();
-    Modified = 1;
-    int64_t changed = 0;
-    code = volume->WriteChangedRecord(this, nullptr, nullptr, &changed);
-    // What is on disk now is what a later failed change returns to.
-    if (code == ERROR_SUCCESS) Commit();
-    return code;
+    return UpdateSizes(this, *cursor, allocated, allocated);
 }
 
 }  // namespace ntfs
