@@ -291,6 +291,24 @@ unsigned int CollectUnit(CFullFileRecord* file, const _RUN_CURSOR& cursor, int32
     return ERROR_SUCCESS;
 }
 
+// Encodes `count` records into `encoded`, from the running LCN in front of
+// the first, and returns the bytes with the end byte. A hole takes an LCN
+// field of one byte holding 0.
+int32_t EncodeRecords(const _RUN_RECORD* records, int count, uint8_t* encoded) {
+    int64_t running = records[0].PreviousLcn;
+    int at = 0;
+    for (int i = 0; i < count; ++i) {
+        int64_t delta = 0;
+        if (records[i].Lcn != 0) {
+            delta = records[i].Lcn - running;
+            running = records[i].Lcn;
+        }
+        at += EncodeDataRun(records[i].Length, delta, encoded + at) - 1;
+    }
+    encoded[at++] = 0;
+    return at;
+}
+
 // Puts the encoded records of `unit` in place of its old pairs; a full
 // record opens an extension record.
 unsigned int PlaceUnit(CFullFileRecord* file, _UNIT_RECORDS* unit, const CAttribute& original, int32_t encodedSize) {
@@ -404,20 +422,7 @@ unsigned int CFullFileRecord::MergeAndExtendRuns(_RUN_RECORD* records, int32_t* 
         }
         *allocated = static_cast<int32_t>(need);
     }
-    // 3. Encode, from the running LCN in front of the first record. A hole
-    //    takes an LCN field of one byte holding 0.
-    int64_t running = records[0].PreviousLcn;
-    int at = 0;
-    for (int i = 0; i < count; ++i) {
-        int64_t delta = 0;
-        if (records[i].Lcn != 0) {
-            delta = records[i].Lcn - running;
-            running = records[i].Lcn;
-        }
-        at += EncodeDataRun(records[i].Length, delta, encoded + at) - 1;
-    }
-    encoded[at++] = 0;
-    *encodedSize = at;
+    *encodedSize = EncodeRecords(records, count, encoded);
     *recordCount = count;
     return ERROR_SUCCESS;
 }
@@ -456,6 +461,97 @@ unsigned int CFullFileRecord::RemapCompressionUnit(_RUN_CURSOR* cursor, int32_t 
     // 11. The sizes of piece 0 follow the clusters taken; the handle sets the
     //     final sizes at close.
     return UpdateSizes(this, *cursor, allocated, allocated);
+}
+
+}  // namespace ntfs
+
+namespace ntfs {
+
+unsigned int CFullFileRecord::ReleaseUnitTail(_RUN_CURSOR* cursor, uint32_t surplus, int32_t clustersPerUnit) {
+    // 1. Rewind: the cursor finds its piece again from piece 0.
+    cursor->RunOffset = cursor->Vcn;
+    cursor->HighestVcn = -1;
+    cursor->Piece = -1;
+    unsigned int code = AdvanceRunCursor(cursor);
+    if (code != ERROR_SUCCESS) return code;
+    // 2. and 3. The unit's records.
+    _UNIT_RECORDS unit;
+    code = CollectUnit(this, *cursor, clustersPerUnit, &unit);
+    if (code != ERROR_SUCCESS) return code;
+    _RUN_RECORD* records = unit.Records.get();
+    int count = unit.Count;
+    int first = 0;
+    while (first < count && records[first].Boundary != 0) ++first;
+    // 4. The real clusters up to the first hole, and those that stay.
+    int64_t real = 0;
+    int firstHole = first;
+    while (firstHole < count && records[firstHole].Boundary == 0 && records[firstHole].Lcn != 0) {
+        real += records[firstHole++].Length;
+    }
+    // Deviation for safety: a surplus beyond the real clusters would have
+    // the release take clusters the unit does not own (a hole's, which are
+    // another run's or the boot sector's). It ends with 87, nothing changed.
+    if (surplus == 0 || surplus > real) return ERROR_INVALID_PARAMETER;
+    std::unique_ptr<CAttribute> original(unit.Piece->Clone());
+    if (original == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+
+    // 5. and 6. The last `surplus` real clusters become a hole where they
+    //    stood; what they were is kept for the release.
+    struct _FREED {
+        int64_t Lcn;
+        int64_t Length;
+    };
+    std::unique_ptr<_FREED, FreeDeleter> freed(
+        static_cast<_FREED*>(std::calloc(static_cast<size_t>(count) + 1, sizeof(_FREED))));
+    if (freed == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+    int freedCount = 0;
+    const int64_t running = records[0].PreviousLcn;
+    int64_t keep = real - surplus;
+    int at = first;
+    while (at < firstHole && keep >= records[at].Length) keep -= records[at++].Length;
+    // `at` is the first record that loses clusters; it keeps `keep` of them.
+    for (int i = at; i < firstHole; ++i) {
+        const int64_t from = i == at ? keep : 0;
+        freed.get()[freedCount++] = {records[i].Lcn + from, records[i].Length - from};
+    }
+    int removeFrom = keep > 0 ? at + 1 : at;
+    if (keep > 0) records[at].Length = keep;
+    // Deviation for safety: the hole goes where the freed clusters stood,
+    // joined to the hole behind them, and not behind the unit's last record:
+    // behind a real run that follows a hole inside the unit it would move
+    // that run's clusters to other VCNs.
+    std::memmove(&records[removeFrom], &records[firstHole],
+                 sizeof(_RUN_RECORD) * static_cast<size_t>(count - firstHole));
+    count -= firstHole - removeFrom;
+    if (removeFrom < count && records[removeFrom].Lcn == 0 && records[removeFrom].Boundary == 0) {
+        records[removeFrom].Length += surplus;
+    } else {
+        std::memmove(&records[removeFrom + 1], &records[removeFrom],
+                     sizeof(_RUN_RECORD) * static_cast<size_t>(count - removeFrom));
+        records[removeFrom] = {0, static_cast<int64_t>(surplus), records[0].PieceOrdinal, 0, nullptr, 0};
+        ++count;
+    }
+    records[0].PreviousLcn = running;
+    // 7. and 8. Encode. Deviation for safety: the real run behind the unit
+    //    is rewritten with its absolute LCN whatever is left of the unit, not
+    //    only when one record covers the unit: where the release changes the
+    //    LCN that runs in front of it, its old delta would count from another
+    //    place and map another file's clusters.
+    const int32_t encodedSize = EncodeRecords(records, count, unit.Encoded.get());
+    // 9. to 11. The new pairs, the compressed size and the records first.
+    code = PlaceUnit(this, &unit, *original, encodedSize);
+    if (code == ERROR_SUCCESS) code = UpdateSizes(this, *cursor, -static_cast<int64_t>(surplus), 0);
+    if (code != ERROR_SUCCESS) return code;
+    // Deviation for safety: the clusters are freed once no run list on disk
+    // names them any more, not before the list changes; a failure in between
+    // would leave the list naming free clusters, to be handed out again
+    // under this file's data.
+    for (int i = 0; i < freedCount; ++i) {
+        int64_t start = freed.get()[i].Lcn;
+        code = CFileRecord::Volume->FreeClusters(&start, static_cast<int>(freed.get()[i].Length));
+        if (code != ERROR_SUCCESS) return code;
+    }
+    return ERROR_SUCCESS;
 }
 
 }  // namespace ntfs

@@ -8,6 +8,7 @@
 // LCN); then the cluster accounting is audited.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -486,6 +487,75 @@ TEST(SparseWrite, RandomWritesAndShorteningsAgainstAModel) {
 TEST(CompressedWrite, RandomWritesAndShorteningsAgainstAModel) {
     RandomSequence(u"\\compressed\\text-300k.txt", SequenceSeed(1502));
     RandomSequence(u"\\compressed\\text-300k.txt", SequenceSeed(std::random_device()()));
+}
+
+// Gives the last `surplus` clusters of unit `unit` of `path` back.
+unsigned int ReleaseTail(CNTFSVolume* volume, const char16_t* path, int64_t unit, uint32_t surplus) {
+    void* handle = volume->CreateFileA(path, 0, kOpenExisting, kReadWrite);
+    if (handle == nullptr) return ERROR_FILE_NOT_FOUND;
+    CFullFileRecord* record = static_cast<CFileHandle*>(handle)->FileRecord;
+    record->LockExclusive();
+    _RUN_CURSOR cursor{};
+    cursor.AttributeType = AttributeData;
+    cursor.Vcn = unit * 16;
+    const unsigned int code = record->ReleaseUnitTail(&cursor, surplus, 16);
+    record->UnlockExclusive();
+    (void)volume->CloseFileHandle(handle);
+    return code;
+}
+
+// The tail of a unit goes back to the volume and becomes a hole where it
+// stood; the run behind the unit keeps its clusters. The file reads as the
+// model gives it after a remount, and every cluster is accounted for.
+TEST(ReleaseUnitTail, FreesTheTailAndKeepsTheRunsBehind) {
+    for (const bool written : {false, true}) {
+        SCOPED_TRACE(written ? "a unit written whole" : "a compressed unit");
+        const char16_t* path = written ? u"\\sparse\\islands.bin" : u"\\compressed\\text-300k.txt";
+        MountedVolume mounted("c4k");
+        ASSERT_EQ(mounted.Mount(), 1);
+        CNTFSVolume* volume = mounted.Volume();
+        const int64_t number = RecordOf(volume, path);
+        if (written) {
+            void* handle = volume->CreateFileA(path, 0, kOpenExisting, kReadWrite);
+            unsigned int low = 8 * kUnit4k;
+            ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileBegin), ERROR_SUCCESS);
+            const std::vector<uint8_t> data = RandomBytes(kUnit4k, 30);
+            int done = 0;
+            ASSERT_EQ(volume->WriteFile(handle, data.data(), kUnit4k, &done), 1);
+            ASSERT_EQ(volume->CloseFileHandle(handle), 1);
+        }
+        const int64_t unit = written ? 8 : 1;
+        const uint32_t surplus = written ? 13 : 3;
+        const std::vector<uint8_t> before = ReadWhole(volume, path);
+        const int64_t freeBefore = test::AuditClusters(volume).FreeClusters;
+        // More than the unit's real clusters: refused, nothing changes.
+        EXPECT_EQ(ReleaseTail(volume, path, unit, 17), ERROR_INVALID_PARAMETER);
+        EXPECT_TRUE(ReadWhole(volume, path) == before);
+        ASSERT_EQ(ReleaseTail(volume, path, unit, surplus), ERROR_SUCCESS);
+        EXPECT_EQ(test::AuditClusters(volume).FreeClusters, freeBefore + surplus);
+        const DataLayout layout = Layout(volume, number);
+        bool found = false;
+        for (size_t i = 0; i + 1 < layout.Runs.size(); ++i) {
+            if (layout.Runs[i].Vcn == unit * 16) {
+                found = true;
+                EXPECT_EQ(layout.Runs[i].Length, (written ? 16 : 7) - static_cast<int64_t>(surplus))
+                    << Describe(layout);
+                EXPECT_TRUE(layout.Runs[i + 1].ZeroDelta) << Describe(layout);
+            }
+        }
+        EXPECT_TRUE(found) << Describe(layout);
+        volume->Umount();
+        MountedVolume again(mounted.Memory().Bytes());
+        ASSERT_EQ(again.Mount(), 1);
+        const std::vector<uint8_t> content = ReadWhole(again.Volume(), path);
+        const DataLayout after = Layout(again.Volume(), number);
+        EXPECT_TRUE(content == ModelRead(after, again.Memory().Bytes(), 4096, static_cast<int64_t>(content.size())));
+        // The units behind it read as before.
+        ASSERT_EQ(content.size(), before.size());
+        EXPECT_TRUE(
+            std::equal(content.begin() + (unit + 1) * kUnit4k, content.end(), before.begin() + (unit + 1) * kUnit4k));
+        ExpectAudited(again.Volume());
+    }
 }
 
 }  // namespace
