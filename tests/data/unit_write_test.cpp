@@ -508,8 +508,9 @@ unsigned int ReleaseTail(CNTFSVolume* volume, const char16_t* path, int64_t unit
 // stood; the run behind the unit keeps its clusters. The file reads as the
 // model gives it after a remount, and every cluster is accounted for.
 TEST(ReleaseUnitTail, FreesTheTailAndKeepsTheRunsBehind) {
-    for (const bool written : {false, true}) {
-        SCOPED_TRACE(written ? "a unit written whole" : "a compressed unit");
+    for (const uint32_t surplus : {3u, 13u, 16u}) {
+        const bool written = surplus != 3;
+        SCOPED_TRACE(written ? "a unit written whole, less " + std::to_string(surplus) : "a compressed unit");
         const char16_t* path = written ? u"\\sparse\\islands.bin" : u"\\compressed\\text-300k.txt";
         MountedVolume mounted("c4k");
         ASSERT_EQ(mounted.Mount(), 1);
@@ -525,8 +526,8 @@ TEST(ReleaseUnitTail, FreesTheTailAndKeepsTheRunsBehind) {
             ASSERT_EQ(volume->CloseFileHandle(handle), 1);
         }
         const int64_t unit = written ? 8 : 1;
-        const uint32_t surplus = written ? 13 : 3;
         const std::vector<uint8_t> before = ReadWhole(volume, path);
+        const DataLayout old = Layout(volume, number);
         const int64_t freeBefore = test::AuditClusters(volume).FreeClusters;
         // More than the unit's real clusters: refused, nothing changes.
         EXPECT_EQ(ReleaseTail(volume, path, unit, 17), ERROR_INVALID_PARAMETER);
@@ -534,26 +535,38 @@ TEST(ReleaseUnitTail, FreesTheTailAndKeepsTheRunsBehind) {
         ASSERT_EQ(ReleaseTail(volume, path, unit, surplus), ERROR_SUCCESS);
         EXPECT_EQ(test::AuditClusters(volume).FreeClusters, freeBefore + surplus);
         const DataLayout layout = Layout(volume, number);
+        // What is left of the unit, then a hole; every real run outside the
+        // unit keeps its clusters.
         bool found = false;
-        for (size_t i = 0; i + 1 < layout.Runs.size(); ++i) {
-            if (layout.Runs[i].Vcn == unit * 16) {
+        for (const ModelRun& run : layout.Runs) {
+            if (run.Vcn == unit * 16) {
                 found = true;
-                EXPECT_EQ(layout.Runs[i].Length, (written ? 16 : 7) - static_cast<int64_t>(surplus))
+                EXPECT_EQ(run.Length + (run.ZeroDelta ? 0 : static_cast<int64_t>(surplus)), written ? 16 : 7)
                     << Describe(layout);
-                EXPECT_TRUE(layout.Runs[i + 1].ZeroDelta) << Describe(layout);
             }
         }
         EXPECT_TRUE(found) << Describe(layout);
+        for (const ModelRun& run : old.Runs) {
+            if (run.NoLcnField || run.ZeroDelta || (run.Vcn >= unit * 16 && run.Vcn < unit * 16 + 16)) continue;
+            bool kept = false;
+            for (const ModelRun& now : layout.Runs) {
+                if (!now.NoLcnField && !now.ZeroDelta && now.Vcn <= run.Vcn && run.Vcn < now.Vcn + now.Length) {
+                    kept = now.Lcn + (run.Vcn - now.Vcn) == run.Lcn;
+                }
+            }
+            EXPECT_TRUE(kept) << "VCN " << run.Vcn << ": " << Describe(layout);
+        }
         volume->Umount();
         MountedVolume again(mounted.Memory().Bytes());
         ASSERT_EQ(again.Mount(), 1);
         const std::vector<uint8_t> content = ReadWhole(again.Volume(), path);
         const DataLayout after = Layout(again.Volume(), number);
         EXPECT_TRUE(content == ModelRead(after, again.Memory().Bytes(), 4096, static_cast<int64_t>(content.size())));
-        // The units behind it read as before.
+        // The units behind it read as before while the unit keeps a real run
+        // (a hole behind it counts from that run's LCN).
         ASSERT_EQ(content.size(), before.size());
-        EXPECT_TRUE(
-            std::equal(content.begin() + (unit + 1) * kUnit4k, content.end(), before.begin() + (unit + 1) * kUnit4k));
+        EXPECT_TRUE(surplus == 16 || std::equal(content.begin() + (unit + 1) * kUnit4k, content.end(),
+                                                before.begin() + (unit + 1) * kUnit4k));
         ExpectAudited(again.Volume());
     }
 }
