@@ -137,10 +137,33 @@ bool HasCompressedSize(const CAttribute* attribute) {
     return ReadU16(attribute->Header, kNonResidentRunListOffsetOffset) >= kCompressedNonResidentHeaderSize;
 }
 
+// The compression unit border nearest the middle of the bytes of the run
+// list of `piece`, strictly inside its VCNs; -1 when there is none. Cut
+// there, both halves fit a record, and no unit is split between pieces.
+int64_t MiddleUnitBorder(const CAttribute* piece, int64_t clustersPerUnit) {
+    const int start = ReadU16(piece->Header, kNonResidentRunListOffsetOffset);
+    int end = start;
+    _DATA_RUN run{};
+    while (DecodeDataRun(piece->Header, end, piece->Size, &run) == 1) end += run.Bytes;
+    int position = start;
+    int64_t vcn = piece->GetLowestVcn();
+    while (DecodeDataRun(piece->Header, position, piece->Size, &run) == 1 && position + run.Bytes < (start + end) / 2) {
+        position += run.Bytes;
+        vcn += run.Length;
+    }
+    const int64_t lowest = piece->GetLowestVcn();
+    const int64_t highest = piece->GetHighestVcn();
+    int64_t border = (vcn + clustersPerUnit / 2) / clustersPerUnit * clustersPerUnit;
+    if (border <= lowest) border = (lowest / clustersPerUnit + 1) * clustersPerUnit;
+    if (border > highest) border = highest / clustersPerUnit * clustersPerUnit;
+    return border > lowest && border <= highest ? border : -1;
+}
+
 // The piece `piece`, rewritten, no longer fits its record. A piece that
 // shares its record moves whole into a new extension record; a piece alone
-// in its record is split at the unit, and the part from there on goes to
-// the new record. On failure the piece is as it was.
+// in its record is cut at a unit border near the middle of its list, and
+// the part from there on goes to the new record. On failure the piece is as
+// it was.
 unsigned int SpillPiece(CFullFileRecord* file, CAttribute* piece, const CAttribute& original, int regionStart,
                         int regionEnd, int listEnd, const uint8_t* bytes, int newBytes, int64_t unitStart,
                         int64_t unitEnd) {
@@ -154,12 +177,12 @@ unsigned int SpillPiece(CFullFileRecord* file, CAttribute* piece, const CAttribu
     std::unique_ptr<CAttribute> moved;
     if (alone) {
         const int64_t lowest = copy->GetLowestVcn();
-        int64_t split = unitStart > lowest ? unitStart : unitEnd;
-        if (split > copy->GetHighestVcn()) return ERROR_INSUFFICIENT_BUFFER;
+        const int64_t split = MiddleUnitBorder(copy.get(), unitEnd - unitStart);
+        if (split < 0) return ERROR_INSUFFICIENT_BUFFER;
         moved.reset(copy->SplitAttribute(split - lowest, HasCompressedSize(copy.get()) ? 1 : 0));
         if (moved == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
         WriteU16(moved->Header, kAttributeFlagsOffset, ReadU16(copy->Header, kAttributeFlagsOffset));
-        // The part before the split is the old list up to there: it fits.
+        // The part before the cut is about half the list: it fits.
         CAttribute* self = nullptr;
         code = piece->SetSize(copy->Size, &self);
         if (code != ERROR_SUCCESS) return code;

@@ -51,6 +51,7 @@ struct DataLayout {
     int64_t DataSize = 0;
     int Pieces = 0;
     int ExtensionRecords = 0;
+    std::vector<int64_t> PieceStarts;
 };
 
 DataLayout Layout(CNTFSVolume* volume, int64_t number) {
@@ -67,6 +68,7 @@ DataLayout Layout(CNTFSVolume* volume, int64_t number) {
         }
         ++layout.Pieces;
         int64_t vcn = piece->GetLowestVcn();
+        layout.PieceStarts.push_back(vcn);
         int64_t lcn = 0;
         int position = ReadU16(piece->Header, kNonResidentRunListOffsetOffset);
         _DATA_RUN run{};
@@ -336,6 +338,48 @@ TEST(CompressedWrite, GrownUnitByUnitMovesOutOfTheBaseRecord) {
     for (int unit = 0; unit < 240; ++unit) writes.push_back({300001 + unit * 16384, TextBytes(16384, 300 + unit)});
     const DataLayout after = WriteAndCheck("c1k", u"\\compressed\\text-300k.txt", writes);
     EXPECT_EQ(after.ExtensionRecords, 1);
+}
+
+// Every unit of a file whose run list fills five records: each write fills
+// the unit's holes and the pieces split as they overflow. A unit whose runs
+// cross into the next piece is refused with 50 and left as it was.
+TEST(SparseWrite, EveryUnitOfAFileInFivePieces) {
+    const char16_t* path = u"\\frag\\sparse-striped.bin";
+    MountedVolume fixture("c512");
+    ASSERT_EQ(fixture.Mount(), 1);
+    CNTFSVolume* volume = fixture.Volume();
+    const DataLayout before = Layout(volume, RecordOf(volume, path));
+    auto crosses = [&](int64_t unit) {
+        for (const int64_t start : before.PieceStarts) {
+            if (start > unit * 16 && start < unit * 16 + 16) return true;
+        }
+        return false;
+    };
+    std::vector<Write> writes;
+    int64_t crossing = -1;
+    for (int64_t unit = 0; unit * 8192 < before.DataSize; ++unit) {
+        if (crosses(unit)) {
+            crossing = unit;
+            continue;
+        }
+        writes.push_back({unit * 8192 + 100 + unit, TextBytes(300, static_cast<uint32_t>(400 + unit))});
+    }
+    ASSERT_GE(crossing, 0);
+    const DataLayout after = WriteAndCheck("c512", path, writes);
+    EXPECT_GT(after.Pieces, before.Pieces);
+
+    const std::vector<uint8_t> content = ReadWhole(volume, path);
+    void* handle = volume->CreateFileA(path, 0, kOpenExisting, kReadWrite);
+    ASSERT_NE(handle, nullptr);
+    unsigned int low = static_cast<unsigned int>(crossing * 8192 + 10);
+    ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileBegin), ERROR_SUCCESS);
+    int done = 0;
+    ASSERT_EQ(volume->WriteFile(handle, "xyz", 3, &done), 1);
+    EXPECT_EQ(volume->GetLastError(), ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(done, 0);
+    ASSERT_EQ(volume->CloseFileHandle(handle), 1);
+    EXPECT_TRUE(ReadWhole(volume, path) == content);
+    ExpectAudited(volume);
 }
 
 TEST(SparseWrite, UnitsWithManyHolesGetEveryHoleFilled) {
