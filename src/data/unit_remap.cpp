@@ -165,8 +165,7 @@ int64_t MiddleUnitBorder(const CAttribute* piece, int64_t clustersPerUnit) {
 // the part from there on goes to the new record. On failure the piece is as
 // it was.
 unsigned int SpillPiece(CFullFileRecord* file, CAttribute* piece, const CAttribute& original, int regionStart,
-                        int regionEnd, int listEnd, const uint8_t* bytes, int newBytes, int64_t unitStart,
-                        int64_t unitEnd) {
+                        int regionEnd, int listEnd, const uint8_t* bytes, int newBytes, int64_t clustersPerUnit) {
     CNTFSVolume* volume = file->GetVolume();
     std::unique_ptr<CAttribute> copy(original.Clone());
     if (copy == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
@@ -177,7 +176,7 @@ unsigned int SpillPiece(CFullFileRecord* file, CAttribute* piece, const CAttribu
     std::unique_ptr<CAttribute> moved;
     if (alone) {
         const int64_t lowest = copy->GetLowestVcn();
-        const int64_t split = MiddleUnitBorder(copy.get(), unitEnd - unitStart);
+        const int64_t split = MiddleUnitBorder(copy.get(), clustersPerUnit);
         if (split < 0) return ERROR_INSUFFICIENT_BUFFER;
         moved.reset(copy->SplitAttribute(split - lowest, HasCompressedSize(copy.get()) ? 1 : 0));
         if (moved == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
@@ -231,8 +230,11 @@ struct _UNIT_RECORDS {
     int32_t RealClusters = 0;  // up to the end of the unit's last real run
     int64_t UnitStart = 0;
     int64_t UnitEnd = 0;
+    int64_t UnitClusters = 0;  // of the whole unit, of which this may be a part
 };
 
+// `clustersPerUnit` clusters from the cursor's VCN, all in its piece: a
+// unit, or the part of one that lies in one piece.
 unsigned int CollectUnit(CFullFileRecord* file, const _RUN_CURSOR& cursor, int32_t clustersPerUnit,
                          _UNIT_RECORDS* unit) {
     CClusterBitmap* bitmap = file->GetVolume()->GetClusterBitmap();
@@ -243,11 +245,12 @@ unsigned int CollectUnit(CFullFileRecord* file, const _RUN_CURSOR& cursor, int32
     unit->Piece = piece;
     unit->UnitStart = cursor.Vcn;
     unit->UnitEnd = cursor.Vcn + clustersPerUnit;
+    unit->UnitClusters = clustersPerUnit;
     const int64_t unitStart = unit->UnitStart;
     const int64_t unitEnd = unit->UnitEnd;
-    // A unit whose runs go on in the next piece is not rewritten: that
-    // would close pieces and open new ones around the unit, which is not
-    // built. The call ends with 50 and nothing changed.
+    // Runs that go on in the next piece: 50, nothing changed. Closing pieces
+    // and opening new ones around a unit is not built; a unit whose every
+    // cluster is wanted is filled piece by piece instead (below).
     if (unitStart < piece->GetLowestVcn() || unitEnd - 1 > piece->GetHighestVcn()) return ERROR_NOT_SUPPORTED;
 
     _PIECE_RUNS& runs = unit->Runs;
@@ -339,7 +342,7 @@ unsigned int PlaceUnit(CFullFileRecord* file, _UNIT_RECORDS* unit, const CAttrib
                                    encodedSize - 1);
     if (code == ERROR_INSUFFICIENT_BUFFER) {
         code = SpillPiece(file, unit->Piece, original, unit->RegionStart, unit->RegionEnd, unit->Runs.End,
-                          unit->Encoded.get(), encodedSize - 1, unit->UnitStart, unit->UnitEnd);
+                          unit->Encoded.get(), encodedSize - 1, unit->UnitClusters);
     }
     return code;
 }
@@ -450,40 +453,84 @@ unsigned int CFullFileRecord::MergeAndExtendRuns(_RUN_RECORD* records, int32_t* 
     return ERROR_SUCCESS;
 }
 
-unsigned int CFullFileRecord::RemapCompressionUnit(_RUN_CURSOR* cursor, int32_t clustersPerUnit, int32_t clustersWanted,
-                                                   int32_t* realClusters) {
-    *realClusters = 0;
-    if (clustersWanted < 0 || clustersWanted > clustersPerUnit) return ERROR_INVALID_PARAMETER;
-    _UNIT_RECORDS unit;
-    unsigned int code = CollectUnit(this, *cursor, clustersPerUnit, &unit);
-    if (code != ERROR_SUCCESS) return code;
-    *realClusters = unit.RealClusters;
-    if (clustersWanted == 0) return ERROR_SUCCESS;
+namespace {
 
+// Fills the holes of the first `clustersWanted` clusters of `unit` (all in
+// one piece) and writes the records; `*allocated` gets the clusters taken.
+unsigned int FillUnit(CFullFileRecord* file, const _RUN_CURSOR& cursor, _UNIT_RECORDS* unit, int32_t clustersWanted) {
     // The image before the change, for the way back.
-    std::unique_ptr<CAttribute> original(unit.Piece->Clone());
+    std::unique_ptr<CAttribute> original(unit->Piece->Clone());
     if (original == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
-    _RUN_RECORD* records = unit.Records.get();
-    int32_t recordCount = unit.Count;
+    _RUN_RECORD* records = unit->Records.get();
+    int32_t recordCount = unit->Count;
     int32_t encodedSize = 0;
     int32_t allocated = 0;
-    code = MergeAndExtendRuns(records, &recordCount, clustersWanted, unit.Encoded.get(), &encodedSize, &allocated);
+    unsigned int code =
+        file->MergeAndExtendRuns(records, &recordCount, clustersWanted, unit->Encoded.get(), &encodedSize, &allocated);
     if (code != ERROR_SUCCESS) return code;
     // A unit that has the clusters already keeps its pairs as they are.
     if (allocated == 0) return ERROR_SUCCESS;
-    code = PlaceUnit(this, &unit, *original, encodedSize);
+    code = PlaceUnit(file, unit, *original, encodedSize);
     if (code != ERROR_SUCCESS) {
         // Nothing maps the new clusters: they go back.
         for (int i = 0; i < recordCount; ++i) {
             if (records[i].EncodedRun != nullptr || records[i].Lcn == 0) continue;
             int64_t start = records[i].Lcn;
-            (void)CFileRecord::Volume->FreeClusters(&start, static_cast<int>(records[i].Length));
+            (void)file->GetVolume()->FreeClusters(&start, static_cast<int>(records[i].Length));
         }
         return code;
     }
     // 11. The sizes of piece 0 follow the clusters taken; the handle sets the
     //     final sizes at close.
-    return UpdateSizes(this, *cursor, allocated, allocated);
+    return UpdateSizes(file, cursor, allocated, allocated);
+}
+
+}  // namespace
+
+unsigned int CFullFileRecord::RemapCompressionUnit(_RUN_CURSOR* cursor, int32_t clustersPerUnit, int32_t clustersWanted,
+                                                   int32_t* realClusters) {
+    *realClusters = 0;
+    if (clustersWanted < 0 || clustersWanted > clustersPerUnit || cursor->Piece < 0) return ERROR_INVALID_PARAMETER;
+    _UNIT_RECORDS unit;
+    unsigned int code = CollectUnit(this, *cursor, clustersPerUnit, &unit);
+    if (code == ERROR_NOT_SUPPORTED && clustersWanted == clustersPerUnit) {
+        // The unit's runs go on in the next pieces. Every cluster of it is
+        // wanted, so each piece's part of it gets its holes filled in its own
+        // piece, and no piece border moves.
+        for (int64_t vcn = cursor->Vcn; vcn < cursor->Vcn + clustersPerUnit;) {
+            _RUN_CURSOR part = *cursor;
+            part.Piece = -1;
+            for (unsigned int index = 0;; ++index) {
+                CAttribute* piece = FindAttribute(cursor->AttributeType, cursor->Name, cursor->NameLength, index);
+                if (piece == nullptr || piece->IsResident()) return ERROR_FILE_CORRUPT;
+                if (vcn >= piece->GetLowestVcn() && vcn <= piece->GetHighestVcn()) {
+                    part.Piece = static_cast<int32_t>(index);
+                    part.Vcn = vcn;
+                    const int64_t end = piece->GetHighestVcn() + 1 < cursor->Vcn + clustersPerUnit
+                                            ? piece->GetHighestVcn() + 1
+                                            : cursor->Vcn + clustersPerUnit;
+                    const int32_t length = static_cast<int32_t>(end - vcn);
+                    _UNIT_RECORDS share;
+                    code = CollectUnit(this, part, length, &share);
+                    if (code == ERROR_SUCCESS) {
+                        if (share.RealClusters > 0) {
+                            *realClusters = static_cast<int32_t>(vcn - cursor->Vcn) + share.RealClusters;
+                        }
+                        share.UnitClusters = clustersPerUnit;
+                        code = FillUnit(this, part, &share, length);
+                    }
+                    if (code != ERROR_SUCCESS) return code;
+                    vcn = end;
+                    break;
+                }
+            }
+        }
+        return ERROR_SUCCESS;
+    }
+    if (code != ERROR_SUCCESS) return code;
+    *realClusters = unit.RealClusters;
+    if (clustersWanted == 0) return ERROR_SUCCESS;
+    return FillUnit(this, *cursor, &unit, clustersWanted);
 }
 
 }  // namespace ntfs
