@@ -296,6 +296,15 @@ TEST(SparseWrite, IntoLeadingMiddleAndTrailingHoles) {
     WriteAndCheck("c4k", u"\\sparse\\islands.bin", {{17 * kUnit4k + 10, TextBytes(40, 4)}});
 }
 
+TEST(SparseWrite, LargerClusters) {
+    for (const char* fixture : {"c8k", "c64k"}) {
+        SCOPED_TRACE(fixture);
+        const int64_t unit = std::string(fixture) == "c8k" ? 16 * 8192 : 16 * 65536;
+        WriteAndCheck(fixture, u"\\sparse\\islands.bin",
+                      {{unit + 77, TextBytes(100, 40)}, {2 * unit, RandomBytes(static_cast<size_t>(unit), 41)}});
+    }
+}
+
 TEST(SparseWrite, AcrossUnitBordersAndOverRealClusters) {
     WriteAndCheck("c4k", u"\\sparse\\islands.bin", {{2 * kUnit4k - 1000, TextBytes(70000, 5)}});
     WriteAndCheck("c4k", u"\\sparse\\islands.bin",
