@@ -456,7 +456,9 @@ unsigned int CFullFileRecord::MergeAndExtendRuns(_RUN_RECORD* records, int32_t* 
 namespace {
 
 // Fills the holes of the first `clustersWanted` clusters of `unit` (all in
-// one piece) and writes the records; `*allocated` gets the clusters taken.
+// one piece) with new clusters; when it took any, the pairs are replaced,
+// piece 0's sizes grow by them and the records are written. A failure
+// gives the new clusters back and leaves the piece as it was.
 unsigned int FillUnit(CFullFileRecord* file, const _RUN_CURSOR& cursor, _UNIT_RECORDS* unit, int32_t clustersWanted) {
     // The image before the change, for the way back.
     std::unique_ptr<CAttribute> original(unit->Piece->Clone());
