@@ -479,7 +479,8 @@ void RandomSequence(const char16_t* path, uint32_t seed) {
             // A write of no bytes ends non-resident data at the pointer;
             // resident data stays as it is.
             const bool resident = static_cast<CFileHandle*>(handle)->Resident != 0;
-            ASSERT_EQ(volume->WriteFile(handle, model.data(), 0, &done), 1);
+            const uint8_t none = 0;
+            ASSERT_EQ(volume->WriteFile(handle, &none, 0, &done), 1);
             if (!resident) model.resize(static_cast<size_t>(at));
         } else {
             const size_t length = 1 + random() % (kind == 1 ? 300 : 150000);
