@@ -5,9 +5,10 @@
 set -euo pipefail
 
 # clang and libclang-rt-dev (libFuzzer's runtime) build the fuzz targets;
-# libfuse3-dev, pkg-config and fuse3 (fusermount3) the mount command.
-packages=(cmake g++ pkg-config libgtest-dev libbenchmark-dev zstd ntfs-3g sleuthkit attr clang libclang-rt-dev
-          libfuse3-dev fuse3)
+# libfuse3-dev, pkg-config and fuse3 (fusermount3) the mount command;
+# libcli11-dev parses the ntfskit command's arguments.
+packages=(cmake g++ pkg-config libgtest-dev libbenchmark-dev libcli11-dev zstd ntfs-3g sleuthkit attr clang
+          libclang-rt-dev libfuse3-dev fuse3)
 missing=()
 for package in "${packages[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then

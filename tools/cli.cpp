@@ -1,5 +1,7 @@
 #include "cli.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -95,35 +97,147 @@ int FailText(const std::string& message) {
     return 1;
 }
 
+namespace {
+
+// The supported geometry, in words, for messages.
+const char kGeometry[] =
+    "ntfskit reads volumes of 512-byte sectors, 1024-byte file records and 4096-byte index records";
+
+// A record size field of the boot sector in bytes: clusters when positive,
+// else 2 to the power of its magnitude.
+int64_t RecordBytes(int8_t field, int64_t clusterBytes) {
+    return field > 0 ? field * clusterBytes : (field > -31 ? int64_t{1} << -field : 0);
+}
+
+// What is wrong with the image as a volume this tool reads, judged from its
+// first sector and its size; empty when nothing is. `*ntfs` tells whether the
+// first sector is an NTFS boot sector at all (a volume whose first sector is
+// damaged may still mount from its backup, so that case is judged only after
+// a failed mount).
+std::string CheckBootSector(const std::string& path, bool* ntfs) {
+    *ntfs = false;
+    const int fd = ::open(path.c_str(), O_RDONLY);
+    if (fd < 0) return path + ": " + std::strerror(errno);
+    struct stat info {};
+    uint8_t boot[512] = {};
+    const off_t end = ::lseek(fd, 0, SEEK_END);
+    const ssize_t got = ::pread(fd, boot, sizeof boot, 0);
+    const int readErrno = errno;
+    fstat(fd, &info);
+    ::close(fd);
+    if (got < 0) return path + ": cannot be read: " + std::strerror(readErrno);
+    if (end <= 0 || got < static_cast<ssize_t>(sizeof boot)) {
+        return path + ": too small to be a volume (" + std::to_string(end < 0 ? 0 : end) + " bytes)";
+    }
+    *ntfs = std::memcmp(boot + kBootOemOffset, "NTFS    ", 8) == 0 && boot[510] == 0x55 && boot[511] == 0xAA;
+    if (!*ntfs) return std::string();
+    const int sectorBytes = boot[kBootBytesPerSectorOffset] | (boot[kBootBytesPerSectorOffset + 1] << 8);
+    const uint8_t perCluster = boot[kBootSectorsPerClusterOffset];
+    const int64_t clusterSectors = perCluster > 0x80 ? (int64_t{1} << (256 - perCluster)) : perCluster;
+    const int64_t clusterBytes = clusterSectors * sectorBytes;
+    const int64_t recordBytes = RecordBytes(static_cast<int8_t>(boot[kBootFileRecordSizeOffset]), clusterBytes);
+    const int64_t indexBytes = RecordBytes(static_cast<int8_t>(boot[kBootIndexRecordSizeOffset]), clusterBytes);
+    if (sectorBytes != kSectorSize || recordBytes != kFileRecordSize || indexBytes != kIndexRecordSize ||
+        clusterSectors == 0) {
+        return path + ": unsupported geometry: " + std::to_string(sectorBytes) + "-byte sectors, " +
+               std::to_string(clusterBytes) + "-byte clusters, " + std::to_string(recordBytes) +
+               "-byte file records, " + std::to_string(indexBytes) + "-byte index records (" + kGeometry + ")";
+    }
+    int64_t totalSectors = 0;
+    for (int i = 7; i >= 0; --i) totalSectors = (totalSectors << 8) | boot[kBootTotalSectorsOffset + i];
+    const int64_t held = static_cast<int64_t>(end) / kSectorSize;
+    if (!S_ISBLK(info.st_mode) && totalSectors > held) {
+        return path + ": truncated image: the volume has " + std::to_string(totalSectors) +
+               " sectors, the file holds only " + std::to_string(held);
+    }
+    return std::string();
+}
+
+}  // namespace
+
+int CheckImageAccess(const std::string& path, bool writable) {
+    struct stat info {};
+    if (::stat(path.c_str(), &info) != 0) {
+        if (errno == ENOENT) return FailText(path + ": no such image file");
+        return FailText(path + ": " + std::strerror(errno));
+    }
+    if (S_ISDIR(info.st_mode)) return FailText(path + ": is a directory, not a volume image");
+    if (!S_ISREG(info.st_mode) && !S_ISBLK(info.st_mode)) {
+        return FailText(path + ": not a volume image (neither a regular file nor a block device)");
+    }
+    if (::access(path.c_str(), R_OK) != 0) return FailText(path + ": cannot be read: " + std::strerror(errno));
+    // A file without any write permission bit counts as read-only also for
+    // a user (root) whom the system would let write it.
+    const bool noWriteBits = S_ISREG(info.st_mode) && (info.st_mode & 0222) == 0;
+    if (writable && (noWriteBits || ::access(path.c_str(), W_OK) != 0)) {
+        if (noWriteBits) errno = EACCES;
+        return FailText(path + ": the image is read-only (" + std::strerror(errno) +
+                        ") and this command changes it; nothing was changed");
+    }
+    return 0;
+}
+
 unsigned int MountedImage::Open(const std::string& path, bool writable) {
     path_ = path;
     writable_ = writable;
+    if (CheckImageAccess(path, writable) != 0) return ERROR_FILE_NOT_FOUND;
+    bool ntfs = false;
+    const std::string problem = CheckBootSector(path, &ntfs);
+    if (!problem.empty()) {
+        FailText(problem);
+        return ERROR_UNRECOGNIZED_VOLUME;
+    }
     CStorage* storage = &mapped_;
     if (writable || mapped_.Open(path) != ERROR_SUCCESS) {
         storage = &storage_;
         const unsigned int opened = storage_.Open(path, !writable);
         if (opened != ERROR_SUCCESS) {
-            Fail(storage_.LastErrorText().empty() ? path : storage_.LastErrorText(), opened);
+            FailText(storage_.LastErrorText().empty() ? path + ": cannot be opened" : storage_.LastErrorText());
             return opened;
         }
     }
-    volume_.reset(new CNTFSVolume(storage));
+    recorder_.reset(new RecordingStorage(storage));
+    volume_.reset(new CNTFSVolume(recorder_.get()));
     if (!volume_->Mount()) {
         const unsigned int code = volume_->GetLastError();
-        Fail(path, code);
-        return code;
+        if (!ntfs) {
+            FailText(path + ": not an NTFS volume (no NTFS boot sector)");
+        } else if (recorder_->Failures() != 0) {
+            ReportDeviceFailure("mount");
+        } else {
+            FailText(path + ": cannot be mounted: " + CodeMeaning(code) + " (code " + std::to_string(code) + ")");
+        }
+        return code != ERROR_SUCCESS ? code : ERROR_UNRECOGNIZED_VOLUME;
     }
     mounted_ = true;
     return ERROR_SUCCESS;
 }
 
+int MountedImage::ReportDeviceFailure(const std::string& during) {
+    reported_ = recorder_->Failures();
+    std::string text =
+        path_ + ": device error during " + during + ": " + recorder_->Describe(recorder_->FirstFailure());
+    if (reported_ > 1) text += " (and " + std::to_string(reported_ - 1) + " more failed transfers)";
+    return FailText(text);
+}
+
 unsigned int MountedImage::Close() {
     if (!mounted_) return ERROR_SUCCESS;
     mounted_ = false;
+    // Umount answers success whatever its flushes gave: its last error and
+    // the storage's record tell. Umount does not clear the last error, so a
+    // code left by an earlier operation (an enumeration's end) counts only
+    // when the flushes changed it. A read-only image refuses the write-back
+    // of unmount; that is expected, and its device reads are on record.
+    const unsigned int before = volume_->GetLastError();
     volume_->Umount();
-    // A read-only image refuses the write-back of unmount; that is expected.
-    const unsigned int code = writable_ ? volume_->GetLastError() : ERROR_SUCCESS;
-    if (code != ERROR_SUCCESS) Fail(path_ + ": unmount", code);
+    unsigned int code = volume_->GetLastError();
+    if (!writable_ || code == before) code = ERROR_SUCCESS;
+    if (recorder_->Failures() > reported_) {
+        ReportDeviceFailure("unmount");
+        return code != ERROR_SUCCESS ? code : ERROR_IO_DEVICE;
+    }
+    if (code != ERROR_SUCCESS) Fail(path_ + ": writing back at unmount", code);
     return code;
 }
 
@@ -187,6 +301,10 @@ std::string ToUtf8(const char16_t* text) {
         }
     }
     return out;
+}
+
+std::string Utf8(const std::u16string& text) {
+    return ToUtf8(text.c_str());
 }
 
 std::u16string VolumePath(const std::string& typed) {

@@ -4,16 +4,17 @@
 
 namespace ntfs::cli {
 
-int CommandInfo(const Options& options) {
-    if (options.arguments.size() != 1) return FailText("usage: ntfskit info IMAGE");
+int CommandInfo(const GlobalOptions&, const InfoOptions& options) {
     MountedImage image;
-    if (image.Open(options.arguments[0], false) != ERROR_SUCCESS) return 1;
+    if (image.Open(options.image, false) != ERROR_SUCCESS) return kExitFailed;
     CNTFSVolume* volume = image.Volume();
     int64_t sectors = 0;
     volume->GetVolumeSectorNumber(&sectors);
     _VOLUME_SPACE space{};
     const unsigned int code = volume->GetVolumeSpace(&space);
-    if (code != ERROR_SUCCESS) return Fail(options.arguments[0], code);
+    // GetVolumeSpace counts the free clusters in one pass over the cluster
+    // bitmap, a unit at a time.
+    if (code != ERROR_SUCCESS) return Fail(options.image + ": cluster bitmap", code);
     std::FILE* out = Out();
     std::fprintf(out, "NTFS version:        %d.%d\n", volume->GetVersionMajor(), volume->GetVersionMinor());
     std::fprintf(out, "sector size:         %d\n", volume->GetSectorSize());
@@ -25,7 +26,8 @@ int CommandInfo(const Options& options) {
     std::fprintf(out, "free clusters:       %lld\n", static_cast<long long>(space.FreeClusters));
     std::fprintf(out, "file records:        %lld\n", static_cast<long long>(space.Records));
     std::fprintf(out, "free file records:   %lld\n", static_cast<long long>(space.FreeRecords));
-    return 0;
+    std::fflush(out);
+    return image.Close() == ERROR_SUCCESS ? kExitSuccess : kExitFailed;
 }
 
 }  // namespace ntfs::cli

@@ -1,94 +1,183 @@
 // ntfskit: work with NTFS volume images without mounting them.
 //
 //   ntfskit info IMAGE
-//   ntfskit ls [-l] [-R] IMAGE [PATH]
-//   ntfskit cat IMAGE PATH
-//   ntfskit get [-R] IMAGE PATH [DEST]
-//   ntfskit write IMAGE PATH [SOURCE]
+//   ntfskit ls [-l] [-R] [-a] [--json] IMAGE [PATH]
+//   ntfskit stat IMAGE PATH...
+//   ntfskit cat IMAGE PATH...
+//   ntfskit get [-R] [-p] IMAGE SRC... DEST
+//   ntfskit write [-a] IMAGE PATH [SOURCE]
+//   ntfskit mount [-o ro] [-f] [-d] IMAGE MOUNTPOINT   (built with libfuse3)
 //
 // Read commands open the image read-only. The library's log lines are shown
-// only with -v (on standard error). Errors name the failing path and what the
-// code means, and the exit status is non-zero.
-#include <cstring>
+// only with -v (on standard error). Errors name the failing image or path and
+// what is wrong; exit status 0 success, 1 the operation failed, 2 usage.
+//
+// The parser is one CLI11 application with a subcommand per command; each
+// subcommand fills its options struct (cli.h) and names the function that
+// runs it. The commands that create, remove and rename (put, mkdir, rm,
+// rmdir, mv) are added the same way. mount keeps its own option parsing
+// (libfuse's options pass through it) and is handed its arguments as they are.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <functional>
 #include <string>
 
 #include "cli.h"
 
+#ifndef NTFSKIT_VERSION
+#define NTFSKIT_VERSION "unknown"
+#endif
+
 namespace {
 
-const char kUsage[] =
-    "usage: ntfskit [-v] COMMAND [OPTIONS] IMAGE [ARGS]\n"
-    "  info IMAGE                     geometry, version, free clusters and records\n"
-    "  ls [-l] [-R] IMAGE [PATH]      list a directory\n"
-    "  cat IMAGE PATH                 print a file\n"
-    "  get [-R] IMAGE PATH [DEST]     copy a file or a tree out to the host\n"
-    "  write [-a] IMAGE PATH [SOURCE] overwrite (or with -a append to) a file\n"
-    "                                 from SOURCE or standard input\n"
-    "  mount [-o ro] IMAGE MOUNTPOINT serve the volume through FUSE (see mount --help)\n"
-    "  -v                             show the library's log on standard error\n";
+using namespace ntfs::cli;
+
+// Every option struct lives here for the life of the parse.
+struct Parsed {
+    GlobalOptions global;
+    InfoOptions info;
+    ListOptions list;
+    StatOptions stat;
+    CatOptions cat;
+    GetOptions get;
+    WriteOptions write;
+    std::function<int()> run;
+};
+
+CLI::App* AddCommand(CLI::App& app, Parsed& parsed, const char* name, const char* description,
+                     std::function<int()> run) {
+    CLI::App* command = app.add_subcommand(name, description);
+    command->callback([&parsed, run] { parsed.run = run; });
+    return command;
+}
+
+void Build(CLI::App& app, Parsed& p) {
+    app.set_version_flag("--version", std::string("ntfskit ") + NTFSKIT_VERSION);
+    app.add_flag("-v,--verbose", p.global.verbose, "Show the library's log lines on standard error");
+    app.require_subcommand(1);
+    app.footer(
+#ifdef NTFSKIT_HAVE_FUSE
+        "mount [-o ro] [-f] [-d] IMAGE MOUNTPOINT: serve the volume through FUSE (see 'ntfskit mount --help').\n"
+#endif
+        "Exit status: 0 success, 1 the operation failed, 2 usage.\n"
+        "Run 'ntfskit COMMAND --help' for the options of a command.");
+
+    CLI::App* info = AddCommand(app, p, "info", "Geometry, version, free clusters and records of a volume",
+                                [&p] { return CommandInfo(p.global, p.info); });
+    info->add_option("IMAGE", p.info.image, "Volume image or device")->required();
+
+    CLI::App* ls =
+        AddCommand(app, p, "ls", "List a directory (or name one file)", [&p] { return CommandList(p.global, p.list); });
+    ls->add_flag("-l,--long", p.list.longFormat, "Type, size, modification time (UTC) and record number");
+    ls->add_flag("-R,--recursive", p.list.recursive, "List subdirectories too");
+    ls->add_flag("-a,--all", p.list.all, "Also the system files of the root ($MFT, $Bitmap, ...)");
+    ls->add_flag("--json", p.list.json, "One JSON array of entries");
+    ls->add_option("IMAGE", p.list.image, "Volume image or device")->required();
+    ls->add_option("PATH", p.list.path, "Directory or file on the volume (default /)");
+
+    CLI::App* stat = AddCommand(app, p, "stat", "Everything the records say about a file or directory",
+                                [&p] { return CommandStat(p.global, p.stat); });
+    stat->add_option("IMAGE", p.stat.image, "Volume image or device")->required();
+    stat->add_option("PATH", p.stat.paths, "Paths on the volume")->required();
+
+    CLI::App* cat = AddCommand(app, p, "cat", "Write files of the volume to standard output",
+                               [&p] { return CommandCat(p.global, p.cat); });
+    cat->add_option("IMAGE", p.cat.image, "Volume image or device")->required();
+    cat->add_option("PATH", p.cat.paths, "Files on the volume")->required();
+
+    CLI::App* get = AddCommand(app, p, "get", "Copy files or trees from the volume to the host",
+                               [&p] { return CommandGet(p.global, p.get); });
+    get->add_flag("-R,--recursive", p.get.recursive, "Copy directories with everything below them");
+    get->add_flag("-p,--preserve", p.get.keepTimes, "Give the copies the modification times of the originals");
+    get->add_option("IMAGE", p.get.image, "Volume image or device")->required();
+    get->add_option("SRC", p.get.sources, "Paths on the volume, then the host DEST ('-' is standard output)")
+        ->required()
+        ->expected(2, -1);
+
+    CLI::App* write = AddCommand(app, p, "write", "Overwrite (or with -a extend) an existing file of the volume",
+                                 [&p] { return CommandWrite(p.global, p.write); });
+    write->add_flag("-a,--append", p.write.append, "Append instead of replacing the content");
+    write->add_option("IMAGE", p.write.image, "Volume image or device")->required();
+    write->add_option("PATH", p.write.path, "Existing file on the volume")->required();
+    write->add_option("SOURCE", p.write.source, "Host file to copy in (default '-': standard input)");
+}
+
+#ifdef NTFSKIT_HAVE_FUSE
+#define kMountWord ", mount"
+#else
+#define kMountWord ""
+#endif
+
+// The commands to come with file creation, removal and rename.
+const char* const kComing[] = {"put", "mkdir", "rm", "rmdir", "mv"};
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    using namespace ntfs::cli;
-#ifdef NTFSKIT_HAVE_FUSE
-    if (argc > 1 && std::strcmp(argv[1], "mount") == 0) {
-        RedirectLibraryLog(false);
-        return CommandMount(argc - 2, argv + 2);
+    // Options in front of the command are the program's own; the parser
+    // would report a missing command before an unknown option.
+    for (int i = 1; i < argc && argv[i][0] == '-'; ++i) {
+        const std::string option = argv[i];
+        if (option != "-v" && option != "--verbose" && option != "-h" && option != "--help" && option != "--help-all" &&
+            option != "--version") {
+            std::fprintf(stderr, "ntfskit: unknown option %s\nRun 'ntfskit --help' for usage.\n", option.c_str());
+            return kExitUsage;
+        }
     }
-#endif
-    Options options;
-    std::string command;
-    bool append = false;
+    Parsed parsed;
+    CLI::App app("ntfskit: read and change NTFS volume images without mounting them", "ntfskit");
+    Build(app, parsed);
+    // The command word is the first argument that is not an option: an
+    // unknown one is named as such (the parser would call it an extra
+    // argument).
     for (int i = 1; i < argc; ++i) {
-        const std::string argument = argv[i];
-        if (argument == "-h" || argument == "--help") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-        if (argument.size() > 1 && argument[0] == '-' && argument != "-") {
-            for (size_t k = 1; k < argument.size(); ++k) {
-                switch (argument[k]) {
-                    case 'v':
-                        options.verbose = true;
-                        break;
-                    case 'l':
-                        options.longFormat = true;
-                        break;
-                    case 'R':
-                        options.recursive = true;
-                        break;
-                    case 'a':
-                        append = true;
-                        break;
-                    default:
-                        std::fprintf(stderr, "ntfskit: unknown option -%c\n%s", argument[k], kUsage);
-                        return 2;
-                }
+        const std::string word = argv[i];
+        if (word == "-v" || word == "--verbose") continue;
+        if (!word.empty() && word[0] == '-') break;  // help, version, or the parser's to judge
+        for (const char* coming : kComing) {
+            if (word == coming) {
+                std::fprintf(stderr,
+                             "ntfskit: %s is not available yet (creating, removing and renaming files come "
+                             "with a later version)\n",
+                             coming);
+                return kExitUsage;
             }
-        } else if (command.empty()) {
-            command = argument;
-        } else {
-            options.arguments.push_back(argument);
         }
+#ifdef NTFSKIT_HAVE_FUSE
+        if (word == "mount") {
+            RedirectLibraryLog(false);
+            return CommandMount(argc - i - 1, argv + i + 1);
+        }
+#endif
+        if (app.get_subcommands([&word](CLI::App* command) { return command->get_name() == word; }).empty()) {
+            std::fprintf(stderr,
+                         "ntfskit: unknown command '%s' (commands: info, ls, stat, cat, get, write" kMountWord
+                         ")\n"
+                         "Run 'ntfskit --help' for usage.\n",
+                         word.c_str());
+            return kExitUsage;
+        }
+        break;
     }
-    if (append) options.arguments.insert(options.arguments.begin(), "-a");
-    RedirectLibraryLog(options.verbose);
-    int status;
-    if (command == "info")
-        status = CommandInfo(options);
-    else if (command == "ls")
-        status = CommandList(options);
-    else if (command == "cat")
-        status = CommandCat(options);
-    else if (command == "get")
-        status = CommandGet(options);
-    else if (command == "write")
-        status = CommandWrite(options);
-    else {
-        std::fputs(kUsage, stderr);
-        return 2;
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        std::fprintf(stderr, "ntfskit: %s\nRun 'ntfskit --help' or 'ntfskit COMMAND --help' for usage.\n", e.what());
+        return kExitUsage;
     }
+    // get's last positional is the destination.
+    if (!parsed.get.sources.empty()) {
+        parsed.get.destination = parsed.get.sources.back();
+        parsed.get.sources.pop_back();
+    }
+    RedirectLibraryLog(parsed.global.verbose);
+    const int status = parsed.run ? parsed.run() : kExitUsage;
     std::fflush(Out());
     return status;
 }

@@ -17,8 +17,6 @@
 
 namespace ntfs {
 
-namespace {}  // namespace
-
 unsigned int CFullFileRecord::WriteAttribute(uint32_t type, const char16_t* name, uint32_t nameLength, int64_t* offset,
                                              uint32_t count, const void* buffer, uint32_t* bytesWritten) {
     *bytesWritten = 0;
@@ -37,10 +35,11 @@ unsigned int CFullFileRecord::WriteAttribute(uint32_t type, const char16_t* name
         return ERROR_SUCCESS;
     }
     const uint16_t flags = ReadU16(attribute->Header, kAttributeFlagsOffset);
-    if ((flags & kAttributeCompressionMask) != 0 || flags >= kAttributeSparse) {
-        // Rewriting compression units and filling holes is not built yet.
-        return ERROR_NOT_SUPPORTED;
+    if ((flags & kAttributeCompressionMask) != 0) {
+        return WriteCompressedAttribute(type, name, nameLength, offset, count, buffer, bytesWritten);
     }
+    if (flags >= kAttributeSparse)
+        return WriteSparseAttribute(type, name, nameLength, offset, count, buffer, bytesWritten);
     return WritePlainAttribute(type, name, nameLength, offset, count, buffer, bytesWritten);
 }
 

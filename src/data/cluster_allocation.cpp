@@ -63,6 +63,7 @@ unsigned int CNTFSVolume::FreeAttributeClusters(CAttribute* attribute) {
     if (attribute->IsResident() || ClusterBitmap == nullptr) return ERROR_SUCCESS;
     const int runListOffset = ReadU16(attribute->Header, kNonResidentRunListOffsetOffset);
     const int64_t clusters = ClusterBitmap->GetItemCount();
+    const bool unitFlags = (ReadU16(attribute->Header, kAttributeFlagsOffset) & kAttributeUnitFlagsMask) != 0;
     // Two walks: the first proves that the list is whole and every run lies
     // inside the volume, the second frees. A run of a damaged list outside
     // the volume would give the bits of other clusters free, so a damaged
@@ -77,7 +78,14 @@ unsigned int CNTFSVolume::FreeAttributeClusters(CAttribute* attribute) {
             position += run.Bytes;
             // A sparse run owns no clusters; freeing its length at the previous
             // run's place would free clusters of other files.
-            if (run.OffsetBytes == 0) continue;
+            // Deviation for safety: in sparse or compressed data neither does
+            // a run whose LCN field holds 0 (the holes and the reserved
+            // address space the write paths write so). It maps the clusters
+            // of the run before it, or at the start of a piece cluster 0:
+            // freeing them would free that run's clusters a second time, or
+            // the boot sector's. (Plain data has such a run only for $Boot,
+            // which starts at cluster 0.)
+            if (run.OffsetBytes == 0 || (unitFlags && run.Offset == 0)) continue;
             if (run.Offset < -lcn || run.Offset > clusters - lcn) return ERROR_FILE_CORRUPT;
             lcn += run.Offset;
             if (run.Length <= 0) continue;

@@ -36,6 +36,17 @@ struct _RUN_CURSOR {
     const uint8_t* RunLimit;
 };
 
+// One decoded run of the unit being rewritten by the compression-unit remap
+// (data/unit_remap.cpp), held in an array allocated per call.
+struct _RUN_RECORD {
+    int64_t Lcn;                // absolute LCN; 0 for a hole
+    int64_t Length;             // clusters
+    uint16_t PieceOrdinal;      // piece the run came from
+    uint16_t Boundary;          // 1: outside the unit, kept because its encoding changes
+    const uint8_t* EncodedRun;  // its mapping pair in the record image
+    int64_t PreviousLcn;        // the running LCN before this run
+};
+
 // The first sector of the cluster the cursor stands on: (Lcn + RunOffset)
 // times `sectorsPerCluster`. False when a damaged run list puts it beyond
 // what 64 bits hold.

@@ -155,9 +155,13 @@ unsigned int CFileHandle::SpillDataPiece(CAttribute* attribute, int64_t lcn, int
         piece = BuildDataPiece(last + 1, lcn, take);
         if (piece == nullptr) code = ERROR_NOT_ENOUGH_MEMORY;
     }
+    // The piece covers its new run before it is written anywhere.
+    return PlacePiece(extension, piece, last + take, code);
+}
+
+unsigned int CFileHandle::PlacePiece(CFileRecord* extension, CAttribute* piece, int64_t highestVcn, unsigned int code) {
     if (code == ERROR_SUCCESS) {
-        // The piece covers its new run before it is written anywhere.
-        WriteU64(piece->Header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(last + take));
+        WriteU64(piece->Header, kNonResidentHighestVcnOffset, static_cast<uint64_t>(highestVcn));
         CAttribute* placed = extension->InsertAttribute(piece);
         if (placed == nullptr || placed->GetType() != AttributeData) code = ERROR_NOT_ENOUGH_MEMORY;
     }
@@ -167,6 +171,50 @@ unsigned int CFileHandle::SpillDataPiece(CAttribute* attribute, int64_t lcn, int
         (void)Volume->DeleteFileRecordFromMFT(extension->RecordNumber);
         delete extension;
     }
+    return code;
+}
+
+unsigned int CFileHandle::SpillReservation(CAttribute* attribute, const uint8_t* run, int runBytes, int64_t reserved) {
+    CFileRecord* extension = nullptr;
+    unsigned int code = Volume->ReferenceEmptyFileRecordFromMFT(&extension, 0);
+    if (code != ERROR_SUCCESS) return code;
+    const int64_t last = attribute->GetHighestVcn();
+    CAttribute* piece = nullptr;
+    bool removed = false;
+    if (attribute->Record != nullptr && attribute->Record->Attributes.GetCount() > 1) {
+        // The piece shares its record: it moves whole, with the new run.
+        piece = attribute->Clone();
+        int end = piece != nullptr ? ReadU16(piece->Header, kNonResidentRunListOffsetOffset) : 0;
+        for (_DATA_RUN decoded{}; piece != nullptr;) {
+            const int step = DecodeDataRun(piece->Header, end, piece->Size, &decoded);
+            if (step < 0) code = ERROR_FILE_CORRUPT;
+            if (step <= 0) break;
+            end += decoded.Bytes;
+        }
+        CAttribute* self = nullptr;
+        if (piece == nullptr) code = ERROR_NOT_ENOUGH_MEMORY;
+        if (code == ERROR_SUCCESS && end + runBytes > piece->Size) code = piece->SetSize(end + runBytes, &self);
+        if (code == ERROR_SUCCESS) {
+            std::memcpy(piece->Header + end, run, static_cast<size_t>(runBytes));
+            attribute->Record->RemoveAttribute(attribute);
+            FileRecord->RebuildMergedTable();
+            removed = true;
+        }
+    } else {
+        piece = new (std::nothrow) CAttribute(kNonResidentHeaderSize + 8, 0, nullptr);
+        if (piece == nullptr || !piece->Valid) {
+            code = ERROR_NOT_ENOUGH_MEMORY;
+        } else {
+            WriteU32(piece->Header, kAttributeTypeOffset, AttributeData);
+            WriteU16(piece->Header, kAttributeFlagsOffset, ReadU16(attribute->Header, kAttributeFlagsOffset));
+            WriteU64(piece->Header, kNonResidentLowestVcnOffset, static_cast<uint64_t>(last + 1));
+            std::memcpy(piece->Header + ReadU16(piece->Header, kNonResidentRunListOffsetOffset), run,
+                        static_cast<size_t>(runBytes));
+        }
+    }
+    code = PlacePiece(extension, piece, last + reserved, code);
+    // The records return to what was last written, the moved piece with them.
+    if (code != ERROR_SUCCESS && removed) FileRecord->Revert();
     return code;
 }
 
@@ -301,15 +349,18 @@ unsigned int CFileHandle::ReserveCompressedClusters(unsigned int* clusters) {
     }
     const int needed = end + runBytes;
     if (needed > last->Size) {
-        // Deviation for safety: when the record is full (122) the reservation
-        // would go on in a new piece of an extension record. Such a piece
-        // starts its own run list, so its zero delta would map the reserved
-        // range onto cluster 0, the boot sector, and a later unit write or a
-        // truncation would write or free it. The reservation ends here with
-        // 122 and nothing changed; the compressed write that would follow is
-        // not built yet either.
         CAttribute* resized = nullptr;
         const unsigned int code = last->SetSize(needed, &resized);
+        if (code == ERROR_INSUFFICIENT_BUFFER) {
+            // The record is full: the reservation goes on in a new extension
+            // record. A new piece starts its own run list, so its zero delta
+            // repeats cluster 0; like every run with an LCN field of 0 in
+            // this data it owns nothing, and the write that comes takes
+            // clusters for it before anything is written there.
+            const unsigned int spilled = SpillReservation(last, run, runBytes, reserved);
+            if (spilled == ERROR_SUCCESS) *clusters = static_cast<unsigned int>(reserved);
+            return spilled;
+        }
         if (code != ERROR_SUCCESS) return code;
     }
     std::memcpy(last->Header + end, run, static_cast<size_t>(runBytes));

@@ -23,6 +23,7 @@ namespace ntfs {
 
 class CFindHandle;
 class CAttribute;
+class CFileRecord;
 class CFullFileRecord;
 class CNTFSVolume;
 
@@ -51,6 +52,17 @@ public:
     // Reserves address space for compressed data to the next unit boundary;
     // *clusters in and out.
     [[nodiscard]] unsigned int ReserveCompressedClusters(unsigned int* clusters);
+    // Places `piece` (deleted here) with `highestVcn` into `extension`, a new
+    // record, and joins the record to the file, unless `code` already tells
+    // a failure; on failure the record goes back to the MFT.
+    [[nodiscard]] unsigned int PlacePiece(CFileRecord* extension, CAttribute* piece, int64_t highestVcn,
+                                          unsigned int code);
+    // The reservation `run` (`runBytes` with its end byte) of `reserved`
+    // clusters when the record of `attribute`, the last piece, is full: it
+    // goes into a new extension record, with the piece when the piece shares
+    // its record, else as a new piece of its own.
+    [[nodiscard]] unsigned int SpillReservation(CAttribute* attribute, const uint8_t* run, int runBytes,
+                                                int64_t reserved);
     // Gives the file the name `newName` in its directory in place of
     // `oldName` (a leaf name; with a Win32 name its DOS partner goes too),
     // with a short name where the rename test asks for one. Writes the file's

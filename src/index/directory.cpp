@@ -60,6 +60,7 @@ CDirectory::CDirectory(CFullFileRecord* record, CNTFSVolume* volume)
       Root(nullptr),
       GrowFailed(0),
       RecordsAdded(0),
+      RemovalRunning(0),
       IndexMemoryShortfalls(0),
       OpenRecordIndexWhole(1),
       OpenRecordVcnsShared(0),
@@ -317,6 +318,12 @@ unsigned int CDirectory::InsertEntry(CBPlusTreeNode* start, CIndexEntry* entry) 
     RecordsAdded = 0;
     const bool atRoot = node == static_cast<CBPlusTreeNode*>(Root);
     code = InsertAndFlush(node, position, entry);
+    // Deviation for safety: an insertion nested in a removal (an entry taken
+    // back from interior status) is not retried. Its failed attempt has
+    // undone the removal as well, the entry's old place included, and a
+    // retry would add the entry a second time and write the directory with
+    // the key twice. The code goes up to RemoveEntry, nothing changed.
+    if (RemovalRunning) return code;
     // A failed attempt has been undone as a whole, so the same position
     // serves the retry, and the same node, an index record, stays open.
     for (int retry = 0;

@@ -77,7 +77,7 @@ public:
     // `start` and makes the change durable. 0, ERROR_FILE_CORRUPT for a name
     // that is already there, ERROR_NOT_ENOUGH_MEMORY, or a code of the
     // insertion and flush. A full file record is made room in and the
-    // insertion tried again.
+    // insertion tried again, except inside a removal (RemovalRunning).
     [[nodiscard]] unsigned int InsertEntry(CBPlusTreeNode* start, CIndexEntry* entry);
     // Takes the entry of the whole name `name` (folded by the caller: units
     // a to z without bit 5) out of the index and makes the change durable,
@@ -228,6 +228,7 @@ public:
     CPointerArray NewClusterRuns;                // (LCN, count) pairs of clusters taken for it
     int GrowFailed;                              // the last growth failed in resizing the bitmap
     int RecordsAdded;                            // index records added to ItemCount in this change
+    int RemovalRunning;                          // RemoveEntry is changing the tree (see InsertEntry)
     std::atomic<int64_t> IndexMemoryShortfalls;  // see CountMemoryShortfall
     // VCN to the first valid record of that VCN on OpenRecords, while
     // OpenRecordIndexWhole is 1; made again from the chain by the next
@@ -253,7 +254,6 @@ private:
     unsigned int GrowIntoNewClusters(int count, uint8_t* buffer, CPointerArray* runs);
     unsigned int GrowIntoSlack(int count, uint8_t* buffer);
     unsigned int WriteEmptyRecords(int64_t lcn, int clusters, uint8_t* buffer, int64_t* nextRecord, int* recordOffset);
-    unsigned int ResizeIndexBitmap(int64_t items);
 };
 
 // Appends `value` to `list` unless it is already there (two steps, each

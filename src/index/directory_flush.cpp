@@ -347,10 +347,13 @@ unsigned int CDirectory::InsertAndFlush(CBPlusTreeNode* node, int position, CBPl
     // what a split moves), whatever the change answered. It is given up
     // with 8 before anything is written, instead of being flushed.
     if (MemoryShortfallCount() != shortfalls) code = ERROR_NOT_ENOUGH_MEMORY;
-    if (code != ERROR_SUCCESS) {
-        (void)RollbackChanges();
-        return code;
-    }
+    // Deviation for safety: a failed insertion is undone as a failed flush
+    // is, with the clusters its growth took given back and ItemCount lowered
+    // again. Left as they were, ItemCount would count records the restored
+    // $INDEX_ALLOCATION does not hold, and every later attempt would take
+    // such a record, fail, and make room in the file record again, one new
+    // extension record per round.
+    if (code != ERROR_SUCCESS) return UndoChange(code);
     return FlushChange();
 }
 
@@ -398,7 +401,9 @@ unsigned int CDirectory::RemoveEntry(const char16_t* name) {
     NewClusterRuns.Clear();
     RecordsAdded = 0;
     const int64_t shortfalls = MemoryShortfallCount();
+    RemovalRunning = 1;
     code = Remove(item);
+    RemovalRunning = 0;
     // Deviation for safety, as in InsertAndFlush: a change steered by a node
     // parsed without all its items is given up before it is written.
     if (code == ERROR_SUCCESS && MemoryShortfallCount() != shortfalls) code = ERROR_NOT_ENOUGH_MEMORY;

@@ -204,20 +204,10 @@ unsigned int CDirectory::CreateIndexAttributes() {
     return ERROR_SUCCESS;
 }
 
-// Makes the bitmap able to hold `items` bits. A resident bitmap whose value
-// already covers them is left alone; growing the attribute itself is the
-// bitmap layer's resize, which this build does not have yet.
-unsigned int CDirectory::ResizeIndexBitmap(int64_t items) {
-    CAttribute* bitmap = FileRecord->FindAttribute(AttributeBitmap, kIndexName, kIndexNameLength, 0);
-    if (bitmap == nullptr) return ERROR_INTERNAL_ERROR;
-    if (bitmap->GetDataSize() * 8 >= items) return ERROR_SUCCESS;
-    return Resize(static_cast<uint32_t>(items));
-}
-
 unsigned int CDirectory::GrowIntoNewClusters(int count, uint8_t* buffer, CPointerArray* runs) {
     CAttribute* first = FileRecord->FindAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength, 0);
     const int64_t present = ReadI64(first->Header, kNonResidentDataSizeOffset) / RecordSize;
-    unsigned int code = ResizeIndexBitmap(present + count);
+    unsigned int code = Resize(static_cast<uint32_t>(present + count));
     if (code != ERROR_SUCCESS) {
         GrowFailed = 1;
         return LogFailure("Change bitmap size fail.", code);
@@ -241,6 +231,8 @@ unsigned int CDirectory::GrowIntoNewClusters(int count, uint8_t* buffer, CPointe
         // a few clusters longer.
         if (got > amount) got = static_cast<int>(amount);
         if (got > needed) got = static_cast<int>(needed);
+        // The run joins the local list before its records are written, so
+        // that a failed write gives its clusters back with the others.
         runs->InsertAfter(runs->GetCount(), static_cast<intptr_t>(lcn));
         runs->InsertAfter(runs->GetCount(), static_cast<intptr_t>(got));
         code = WriteEmptyRecords(lcn, got, buffer, &nextRecord, &recordOffset);
@@ -312,7 +304,7 @@ unsigned int CDirectory::GrowIntoSlack(int count, uint8_t* buffer) {
     WriteU64(first->Header, kNonResidentDataSizeOffset, static_cast<uint64_t>(grown));
     WriteU64(first->Header, kNonResidentInitializedSizeOffset, static_cast<uint64_t>(grown));
     first->Mark();
-    unsigned int code = ResizeIndexBitmap(grown / RecordSize);
+    unsigned int code = Resize(static_cast<uint32_t>(grown / RecordSize));
     if (code != ERROR_SUCCESS) {
         std::free(buffer);
         GrowFailed = 1;

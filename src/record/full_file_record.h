@@ -97,6 +97,35 @@ public:
                                                    int64_t* offset, uint32_t count, const void* buffer,
                                                    uint32_t* bytesWritten);
 
+    // The non-resident paths of sparse and compressed data: one compression
+    // unit at a time, every unit touched ending with all its clusters real,
+    // then written through WritePlainAttribute. Sizes are not changed here.
+    [[nodiscard]] unsigned int WriteSparseAttribute(uint32_t type, const char16_t* name, uint32_t nameLength,
+                                                    int64_t* offset, uint32_t count, const void* buffer,
+                                                    uint32_t* bytesWritten);
+    [[nodiscard]] unsigned int WriteCompressedAttribute(uint32_t type, const char16_t* name, uint32_t nameLength,
+                                                        int64_t* offset, uint32_t count, const void* buffer,
+                                                        uint32_t* bytesWritten);
+
+    // Rewrites the mapping pairs of the compression unit the cursor stands
+    // on (its first cluster, after AdvanceRunCursor) so that its first
+    // `clustersWanted` clusters are real, taking new clusters for its holes.
+    // `*realClusters` gets the clusters of the unit up to the end of its
+    // last real run, as found before the change. When clusters were taken,
+    // piece 0's data, initialized and compressed sizes grow by them and the
+    // records are written. A run list that no longer fits its record goes on
+    // in a new extension record.
+    [[nodiscard]] unsigned int RemapCompressionUnit(_RUN_CURSOR* cursor, int32_t clustersPerUnit,
+                                                    int32_t clustersWanted, int32_t* realClusters);
+    // Merges neighbouring runs of `records`, takes clusters for the holes of
+    // the first `clustersWanted` clusters of the unit, and encodes the
+    // records into `encoded` (`*encodedSize` with the end byte).
+    [[nodiscard]] unsigned int MergeAndExtendRuns(_RUN_RECORD* records, int32_t* recordCount, int32_t clustersWanted,
+                                                  uint8_t* encoded, int32_t* encodedSize, int32_t* allocated);
+    // Gives the last `surplus` real clusters of the unit at the cursor back
+    // to the volume and makes them a hole.
+    [[nodiscard]] unsigned int ReleaseUnitTail(_RUN_CURSOR* cursor, uint32_t surplus, int32_t clustersPerUnit);
+
     // The data size of attribute (type, name), piece 0: data size field or
     // value length; 0 when it is missing.
     int64_t GetAttributeDataSize(uint32_t type, const char16_t* name, uint32_t nameLength);
@@ -168,6 +197,10 @@ protected:
     [[nodiscard]] unsigned int ReadUnitReportingDevice(_RUN_CURSOR* cursor, uint32_t unitBytes, void* buffer,
                                                        uint32_t* bytesRead, uint32_t* compressed,
                                                        unsigned int* deviceCode);
+    // The unit loop of WriteSparseAttribute and WriteCompressedAttribute;
+    // `expand` makes a compressed unit that is written in part expand first.
+    [[nodiscard]] unsigned int WriteUnits(uint32_t type, const char16_t* name, uint32_t nameLength, int64_t* offset,
+                                          uint32_t count, const void* buffer, uint32_t* bytesWritten, bool expand);
     // Fills a cursor for piece 0 of a non-resident attribute.
     void InitializeRunCursor(CAttribute* attribute, _RUN_CURSOR* cursor);
     // Points the cursor at the first mapping pair of `piece`.

@@ -71,9 +71,10 @@ TEST(ResidentConversion, ValueLeavesItsRecordIntact) {
     }
 }
 
-// A compressed resident file whose growth cannot be written compressed keeps
-// its data: the failed conversion puts the resident value back, so the file
-// reads as before, in this mount and after it.
+// A compressed resident file whose growth cannot be written (the device
+// fails at the first write of the conversion) keeps its data: the failed
+// conversion puts the resident value back, so the file reads as before, in
+// this mount and after it.
 TEST(ResidentConversion, AFailedCompressedConversionKeepsTheData) {
     const std::vector<ManifestEntry> manifest = test::LoadManifest("c4k");
     const ManifestEntry* tiny = Find(manifest, "\\compressed\\tiny.txt");
@@ -88,8 +89,10 @@ TEST(ResidentConversion, AFailedCompressedConversionKeepsTheData) {
     ASSERT_EQ(volume->SetFilePointer(file, &low, nullptr, kFileEnd), ERROR_SUCCESS);
     const std::vector<uint8_t> growth(4000, 'x');
     int done = 0;
+    mounted.Faults().FailNthWrite(mounted.Faults().Writes() + 1, ERROR_IO_DEVICE);
     EXPECT_EQ(volume->WriteFile(file, growth.data(), static_cast<int>(growth.size()), &done), 0);
     EXPECT_EQ(done, 0);
+    mounted.Faults().Heal();
     EXPECT_EQ(volume->CloseFileHandle(file), 1);
 
     file = volume->CreateFileA(path, 0, kOpenExisting, kAccessRead | kAccessShareMask);

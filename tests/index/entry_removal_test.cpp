@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <memory>
 #include <set>
 #include <string>
@@ -125,6 +126,55 @@ TEST(EntryRemoval, LargeDirectoryReturnsToSmallRootWithItsBitsClear) {
     ASSERT_TRUE(again.ready);
     EXPECT_TRUE(test::WalkNames(again.directory).empty());
     EXPECT_EQ(ReadU32(again.directory->RootValue, kRootFlagsOffset) & kRootLargeIndex, 0u);
+}
+
+// The last name of a leaf under a real entry of the root: the leaf is
+// retired and the entry comes back as a leaf entry through a nested
+// insertion, whose flush writes the whole change. The removal's own flush
+// then finds nothing to write and the result is still 0.
+TEST(EntryRemoval, EmptiedLeafUnderARealEntryReturnsTheEntryThroughANestedInsertion) {
+    RemovalDirectory large("c4k");
+    ASSERT_TRUE(large.ready);
+    int inserted = 0;
+    while (!large.Large() || large.directory->GetIndexRoot()->GetItemCount() < 2) {
+        ASSERT_LT(inserted, 200);
+        ASSERT_EQ(large.Insert(LongName(inserted)), ERROR_SUCCESS) << inserted;
+        ++inserted;
+    }
+    CIndexRoot* root = large.directory->GetIndexRoot();
+    CBPlusTreeNode* leaf = nullptr;
+    ASSERT_EQ(root->GetItem(0)->GetChildNode(&leaf), ERROR_SUCCESS);
+    ASSERT_NE(leaf, nullptr);
+    ASSERT_TRUE(leaf->IsLeaf());
+    const std::u16string parentName = test::NameOf(root->GetItem(0));
+    const int64_t leafVcn = static_cast<CIndexRecord*>(leaf)->GetVcn();
+    std::vector<std::u16string> leafNames;
+    for (int i = 0; i + 1 < leaf->GetItemCount(); ++i) leafNames.push_back(test::NameOf(leaf->GetItem(i)));
+    for (size_t i = 0; i + 1 < leafNames.size(); ++i) ASSERT_EQ(large.Remove(leafNames[i]), ERROR_SUCCESS);
+
+    testing::internal::CaptureStdout();
+    const unsigned int code = large.Remove(leafNames.back());
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(code, ERROR_SUCCESS) << log;
+    EXPECT_NE(log.find("No item need to be flushed."), std::string::npos) << log;
+    char freed[64];
+    std::snprintf(freed, sizeof(freed), "Free abate IndexRecord %08XH.", static_cast<unsigned int>(leafVcn));
+    EXPECT_NE(log.find(freed), std::string::npos) << log;
+    EXPECT_TRUE(large.WorkListsEmpty());
+    EXPECT_EQ(test::CheckIndex(large.directory), "");
+    EXPECT_EQ(test::WalkNames(large.directory), large.Expected());
+    // The entry that led to the leaf is a leaf entry now.
+    CIndexEntry* returned = nullptr;
+    ASSERT_EQ(test::FindName(large.directory, parentName, &returned), ERROR_SUCCESS);
+    EXPECT_FALSE(returned->HasChild());
+    bool used = true;
+    ASSERT_EQ(large.directory->IsItemInUse(large.directory->VcnToBit(leafVcn), &used), ERROR_SUCCESS);
+    EXPECT_FALSE(used);
+
+    RemovalDirectory again(large.Unmount());
+    ASSERT_TRUE(again.ready);
+    EXPECT_EQ(test::CheckIndex(again.directory), "");
+    EXPECT_EQ(test::WalkNames(again.directory), large.Expected());
 }
 
 }  // namespace

@@ -25,10 +25,14 @@ void CountRuns(CFileRecord* record, std::vector<uint8_t>* owners, ClusterAudit* 
         if (attribute->IsResident()) continue;
         int position = ReadU16(attribute->Header, kNonResidentRunListOffsetOffset);
         int64_t lcn = 0;
+        const bool unitFlags = (ReadU16(attribute->Header, kAttributeFlagsOffset) & kAttributeUnitFlagsMask) != 0;
         _DATA_RUN run{};
         while (DecodeDataRun(attribute->Header, position, attribute->Size, &run) == 1) {
             lcn += run.Offset;
-            if (run.OffsetBytes != 0) {
+            // In sparse or compressed data a run whose LCN field holds 0 owns
+            // no clusters: it repeats the LCN of the run before it (a hole or
+            // reserved address space). $Boot's first run starts at cluster 0.
+            if (run.OffsetBytes != 0 && !(unitFlags && run.Offset == 0)) {
                 for (int64_t c = lcn; c < lcn + run.Length; ++c) {
                     if (c < 0 || c >= static_cast<int64_t>(owners->size())) {
                         Note(audit, "record " + std::to_string(record->RecordNumber) + " maps cluster " +

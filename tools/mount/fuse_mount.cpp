@@ -4,19 +4,27 @@
 #include <fuse.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "cli.h"
+#include "file_layout.h"
 #include "mount/errno_map.h"
 #include "mount/volume_fs.h"
 #include "ntfskit.h"
+#include "recording_storage.h"
 
 namespace ntfs::mount {
 
 namespace {
+
+// The largest read the kernel sends (the max_read option): the volume's
+// read of a file is judged for calls of this size.
+constexpr uint32_t kMaxRead = 128 * 1024;
 
 // What the kernel's requests reach: the file system and the code of its
 // final unmount, kept for RunMount.
@@ -38,7 +46,8 @@ std::u16string Path(const char* path) {
     return cli::VolumePath(path);
 }
 
-void* Init(struct fuse_conn_info*, struct fuse_config* config) {
+void* Init(struct fuse_conn_info* connection, struct fuse_config* config) {
+    connection->max_read = kMaxRead;
     // Inode numbers are record numbers; attributes come with the listing.
     config->use_ino = 1;
     config->readdir_ino = 1;
@@ -163,6 +172,35 @@ void LogRefusal(const std::string& image, const std::u16string& path, const std:
     syslog(LOG_WARNING, "ntfskit mount: %s: %s: read refused: %s", image.c_str(), file.c_str(), reason.c_str());
 }
 
+// Whether the volume's read of the file at `path` hands out other bytes than
+// the file holds on disk, judged from its run lists.
+ReadVerdict CheckRead(CNTFSVolume* volume, CStorage* storage, const std::u16string& path) {
+    ReadVerdict verdict;
+    _FIND_FILE_DATA data{};
+    void* find = volume->FindFirstFileA(path.c_str(), &data);
+    if (find == nullptr) return verdict;  // just opened: cannot be
+    volume->CloseFindHandle(find);
+    FileLayout layout;
+    if (LoadFileLayout(volume, storage, data.FileRecordNumber, &layout) != ERROR_SUCCESS) {
+        verdict.refusal = "its records could not be examined";
+        return verdict;
+    }
+    const std::vector<const LayoutAttribute*> pieces = layout.DataPieces();
+    if (pieces.empty()) return verdict;
+    const uint32_t unit = static_cast<uint32_t>(volume->GetClusterSize()) << pieces.front()->UnitExponent;
+    const uint32_t callBytes = (kMaxRead + unit - 1) / unit * unit;
+    for (const ReadDifference& difference : FindReadDifferences(layout, volume->GetClusterSize(), callBytes)) {
+        if (difference.Kind == ReadDifferenceKind::BeyondInitializedSize) {
+            verdict.zerosFrom = std::min<uint64_t>(verdict.zerosFrom, difference.Offset);
+        } else if (verdict.refusal.empty()) {
+            verdict.refusal = "bytes " + std::to_string(difference.Offset) + " to " +
+                              std::to_string(difference.Offset + difference.Length - 1) +
+                              " as read differ from the file on disk: " + ReadDifferenceReason(difference.Kind);
+        }
+    }
+    return verdict;
+}
+
 }  // namespace
 
 int RunMount(const MountSettings& settings) {
@@ -171,13 +209,19 @@ int RunMount(const MountSettings& settings) {
     if (opened != ERROR_SUCCESS) {
         return cli::Fail(storage.LastErrorText().empty() ? settings.image : storage.LastErrorText(), opened);
     }
-    CNTFSVolume volume(&storage);
+    // Every failed transfer is counted: the volume passes over some.
+    RecordingStorage recording(&storage);
+    CNTFSVolume volume(&recording);
     if (!volume.Mount()) return cli::Fail(settings.image, volume.GetLastError());
     VolumeFs fs(&volume, settings.readOnly);
     const std::string image = settings.image;
+    fs.SetReadCheck([&recording](CNTFSVolume* mounted, const std::u16string& path) {
+        return CheckRead(mounted, &recording, path);
+    });
+    fs.SetDeviceFailures([&recording] { return recording.Failures(); });
     fs.SetRefusalLog([image](const std::u16string& path, const std::string& reason) { LogRefusal(image, path, reason); });
 
-    std::string mountOptions = "fsname=" + settings.image + ",subtype=ntfskit";
+    std::string mountOptions = "fsname=" + settings.image + ",subtype=ntfskit,max_read=" + std::to_string(kMaxRead);
     if (settings.readOnly) mountOptions += ",ro";
     std::vector<std::string> arguments = {"ntfskit", "-o", mountOptions};
     if (settings.debug) arguments.push_back("-d");

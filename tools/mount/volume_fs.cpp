@@ -100,7 +100,7 @@ uint64_t VolumeFs::Remember(void* handle, const std::u16string& path, bool writa
     file.handle = handle;
     file.path = path;
     file.writable = writable;
-    if (readCheck_) file.refusal = readCheck_(volume_, path);
+    if (readCheck_) file.verdict = readCheck_(volume_, path);
     const uint64_t number = nextHandle_++;
     files_.emplace(number, std::move(file));
     return number;
@@ -255,12 +255,7 @@ int VolumeFs::Read(uint64_t handle, char* buffer, size_t size, off_t offset) {
     std::lock_guard<std::mutex> hold(lock_);
     OpenFile* file = Find(handle);
     if (file == nullptr) return -EBADF;
-    if (!file->refusal.empty()) {
-        // The library would deliver bytes that are not the file's: no
-        // program gets them.
-        if (refusalLog_) refusalLog_(file->path, file->refusal);
-        return -EIO;
-    }
+    if (!file->verdict.refusal.empty()) return Refuse(*file, file->verdict.refusal);
     if (offset < 0) return -EINVAL;
     uint64_t end = 0;
     int result = FileSize(file->handle, &end);
@@ -269,6 +264,7 @@ int VolumeFs::Read(uint64_t handle, char* buffer, size_t size, off_t offset) {
     result = Seek(file->handle, static_cast<uint64_t>(offset));
     if (result != 0) return result;
     size = std::min<size_t>(size, INT_MAX);
+    const uint64_t failuresBefore = deviceFailures_ ? deviceFailures_() : 0;
     size_t total = 0;
     while (total < size) {
         int done = 0;
@@ -277,7 +273,23 @@ int VolumeFs::Read(uint64_t handle, char* buffer, size_t size, off_t offset) {
         if (done <= 0) break;
         total += static_cast<size_t>(done);
     }
+    if (deviceFailures_ && deviceFailures_() != failuresBefore) {
+        return Refuse(*file, "the device failed during the read, which the volume passes over");
+    }
+    const uint64_t first = static_cast<uint64_t>(offset);
+    for (uint64_t at = std::max(first, file->verdict.zerosFrom); at < first + total; ++at) {
+        if (buffer[at - first] != 0) {
+            return Refuse(*file, "bytes behind the initialized size are not zeros, as the file reads on disk");
+        }
+    }
     return static_cast<int>(total);
+}
+
+int VolumeFs::Refuse(const OpenFile& file, const std::string& reason) {
+    // The library would deliver bytes that are not the file's: no program
+    // gets them.
+    if (refusalLog_) refusalLog_(file.path, reason);
+    return -EIO;
 }
 
 int VolumeFs::Write(uint64_t handle, const char* buffer, size_t size, off_t offset) {

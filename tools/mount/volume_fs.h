@@ -31,10 +31,22 @@ using DirFiller = std::function<bool(const std::u16string& name, const struct st
 // volume path and the reason, for the mount's log.
 using ReadRefusal = std::function<void(const std::u16string& path, const std::string& reason)>;
 
-// Decides, for a file just opened, whether the library's read would hand out
-// bytes that differ from the file on disk; returns the reason, or "" when
-// the file reads true. Reads of a file with a reason answer EIO.
-using ReadCheck = std::function<std::string(CNTFSVolume* volume, const std::u16string& path)>;
+// What a file just opened needs when it is read, so that no byte a program
+// gets differs from the file on disk.
+struct ReadVerdict {
+    // Why the library's read of this file hands out other bytes than the
+    // file holds; every read of it answers EIO. "" when it reads true.
+    std::string refusal;
+    // Bytes from here on lie behind the initialized size: on disk they read
+    // as zeros, the library hands out the clusters as they are. A read that
+    // gets anything but zeros there answers EIO.
+    uint64_t zerosFrom = UINT64_MAX;
+};
+using ReadCheck = std::function<ReadVerdict(CNTFSVolume* volume, const std::u16string& path)>;
+// Counts the device failures seen so far. The library drops a failed read
+// inside a unit and goes on; a read during which this count rises answers
+// EIO instead.
+using DeviceFailures = std::function<uint64_t()>;
 
 class VolumeFs {
 public:
@@ -46,6 +58,7 @@ public:
 
     void SetReadCheck(ReadCheck check) { readCheck_ = std::move(check); }
     void SetRefusalLog(ReadRefusal log) { refusalLog_ = std::move(log); }
+    void SetDeviceFailures(DeviceFailures count) { deviceFailures_ = std::move(count); }
 
     int GetAttr(const std::u16string& path, struct stat* attributes);
     int ReadDir(const std::u16string& path, const DirFiller& filler);
@@ -77,7 +90,7 @@ private:
     struct OpenFile {
         void* handle = nullptr;
         std::u16string path;
-        std::string refusal;  // why reads would be wrong; "" when they are true
+        ReadVerdict verdict;
         bool writable = false;
     };
 
@@ -90,6 +103,8 @@ private:
     int FileSize(void* handle, uint64_t* size);
     int Resize(void* handle, uint64_t size);
     uint64_t Remember(void* handle, const std::u16string& path, bool writable);
+    // Logs why a read of `file` answers EIO; returns -EIO.
+    int Refuse(const OpenFile& file, const std::string& reason);
 
     CNTFSVolume* volume_;
     bool readOnly_;
@@ -99,6 +114,7 @@ private:
     std::unordered_map<uint64_t, OpenFile> files_;
     ReadCheck readCheck_;
     ReadRefusal refusalLog_;
+    DeviceFailures deviceFailures_;
 };
 
 // The attributes of one enumeration record as stat(2) gives them.
