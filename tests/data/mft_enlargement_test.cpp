@@ -1,0 +1,389 @@
+// $MFT grows when its records run out: new clusters for its $DATA, new
+// pieces of its run list in extension records once a record of pieces is
+// full, its $BITMAP moved out of a full record, and, with no record left,
+// its last runs moved to a longer place. Records are taken through the
+// record allocation and written as small nameless files; after each phase
+// the volume is remounted, audited (every cluster once, the MFT bitmap
+// against every record's in-use flag), read back, and checked by ntfsls,
+// fls and ntfsfix.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "data/bitmap_data.h"
+#include "foundation/endian.h"
+#include "foundation/log.h"
+#include "record/file_record.h"
+#include "record/full_file_record.h"
+#include "record/layout.h"
+#include "support/cluster_audit.h"
+#include "support/mounted_volume.h"
+#include "support/tools.h"
+
+namespace ntfs {
+namespace {
+
+using test::MountedVolume;
+
+constexpr int kStandardValueSize = 72;
+
+// The paths of the growth a workload went through, read from the log.
+struct Paths {
+    int Full = 0;          // "$MFT file is full" lines: new records stamped
+    int Enlargements = 0;  // times $DATA of $MFT gained clusters
+    int TailMoves = 0;     // "The new space to store node at tail" lines
+    void Count(const std::string& log) {
+        for (size_t at = 0; (at = log.find("$MFT file is full", at)) != std::string::npos; ++at) ++Full;
+        for (size_t at = 0; (at = log.find("The new space to store node at tail", at)) != std::string::npos; ++at) {
+            ++TailMoves;
+        }
+    }
+};
+
+// $MFT as the volume sees it.
+struct MftShape {
+    int64_t Records = 0;  // initialized size in records
+    int DataPieces = 0;
+    int ExtensionRecords = 0;
+    bool BitmapInBase = true;
+    bool HasList = false;
+    bool Record15 = false;  // record 15 holds a piece of $MFT
+};
+
+MftShape ShapeOf(CNTFSVolume* volume) {
+    MftShape shape;
+    CFullFileRecord* mft = volume->GetMftBitmap()->Mft;
+    CAttribute* data = mft->FindAttribute(AttributeData, nullptr, 0, 0);
+    shape.Records = ReadI64(data->Header, kNonResidentInitializedSizeOffset) / volume->GetFileRecordSize();
+    while (mft->FindAttribute(AttributeData, nullptr, 0, static_cast<unsigned int>(shape.DataPieces)) != nullptr) {
+        ++shape.DataPieces;
+    }
+    shape.ExtensionRecords = mft->GetExtensionRecords().GetCount();
+    for (int i = 0; i < shape.ExtensionRecords; ++i) {
+        if (mft->GetExtensionRecords().At<CFileRecord>(i)->RecordNumber == 15) shape.Record15 = true;
+    }
+    CAttribute* bitmap = mft->FindAttribute(AttributeBitmap, nullptr, 0, 0);
+    shape.BitmapInBase = bitmap != nullptr && bitmap->Record == static_cast<CFileRecord*>(mft);
+    shape.HasList = mft->FindAttribute(AttributeAttributeList, nullptr, 0, 0) != nullptr;
+    return shape;
+}
+
+// Fills a blank record in use with $STANDARD_INFORMATION and a resident
+// $DATA that holds its own number, and writes it.
+unsigned int WriteSmallFile(CFileRecord* record) {
+    CAttribute standard(kResidentHeaderSize + kStandardValueSize, 1, nullptr);
+    WriteU32(standard.Header, kAttributeTypeOffset, AttributeStandardInformation);
+    uint8_t times[kStandardValueSize] = {};
+    standard.SetValue(times, kStandardValueSize);
+    CAttribute data(kResidentHeaderSize + 8, 1, nullptr);
+    WriteU32(data.Header, kAttributeTypeOffset, AttributeData);
+    uint8_t number[8];
+    WriteU64(number, 0, static_cast<uint64_t>(record->RecordNumber));
+    data.SetValue(number, 8);
+    if (record->InsertAttribute(&standard) == nullptr || record->InsertAttribute(&data) == nullptr) {
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
+    return record->WriteRecord();
+}
+
+int64_t MftAllocated(CNTFSVolume* volume) {
+    CAttribute* data = volume->GetMftBitmap()->Mft->FindAttribute(AttributeData, nullptr, 0, 0);
+    return ReadI64(data->Header, kNonResidentAllocatedSizeOffset);
+}
+
+// Takes `count` records and writes each; stops at the first failure.
+unsigned int TakeRecords(CNTFSVolume* volume, int count, std::vector<int64_t>* taken, Paths* paths = nullptr) {
+    for (int i = 0; i < count; ++i) {
+        const int64_t allocated = paths != nullptr ? MftAllocated(volume) : 0;
+        CFileRecord* record = nullptr;
+        unsigned int code = volume->ReferenceEmptyFileRecordFromMFT(&record, 0);
+        if (code != ERROR_SUCCESS) return code;
+        if (paths != nullptr && MftAllocated(volume) != allocated) ++paths->Enlargements;
+        code = WriteSmallFile(record);
+        taken->push_back(record->RecordNumber);
+        delete record;
+        if (code != ERROR_SUCCESS) return code;
+    }
+    return ERROR_SUCCESS;
+}
+
+// Uses up every free bit of the MFT bitmap with records in use, as another
+// user of the volume would, and leaves no free record counted.
+unsigned int UseEveryFreeRecord(CNTFSVolume* volume, std::vector<int64_t>* taken) {
+    CFileRecordBitmap* bitmap = volume->GetMftBitmap();
+    const int size = volume->GetFileRecordSize();
+    for (;;) {
+        int64_t index = 0;
+        int got = 0;
+        if (bitmap->AllocateUnits(1, &index, &got, 1) != ERROR_SUCCESS) break;
+        auto* image = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(size)));
+        unsigned int code = bitmap->ReadRecordImage(index, image);
+        if (code == ERROR_SUCCESS &&
+            !CFileRecord::InitializeFileRecord(reinterpret_cast<_FILE_RECORD_HEADER*>(image), size,
+                                               volume->GetSectorSize(), &index)) {
+            code = ERROR_FILE_CORRUPT;
+        }
+        if (code != ERROR_SUCCESS) {
+            std::free(image);
+            return code;
+        }
+        WriteU16(image, kFileFlagsOffset, kFileRecordInUse);
+        CFileRecord record(index, reinterpret_cast<_FILE_RECORD_HEADER*>(image), nullptr, volume);
+        code = WriteSmallFile(&record);
+        if (code != ERROR_SUCCESS) return code;
+        taken->push_back(index);
+    }
+    bitmap->FreeRecords = 0;
+    return ERROR_SUCCESS;
+}
+
+std::vector<uint8_t> ReadFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// The audit, with `kept` clusters held by the test itself (set in $Bitmap,
+// owned by no record).
+void ExpectAudited(CNTFSVolume* volume, const std::string& when, int64_t kept = 0) {
+    const test::ClusterAudit audit = test::AuditClusters(volume);
+    EXPECT_TRUE(audit.OwnedTwice == 0 && audit.OwnedButFree == 0 && audit.RecordMismatches == 0 &&
+                audit.Leaked == kept)
+        << when << ": " << audit.First << " (twice " << audit.OwnedTwice << ", owned-free "
+                               << audit.OwnedButFree << ", leaked " << audit.Leaked << ", records "
+                               << audit.RecordMismatches << ")";
+}
+
+// A sample of the taken records reads back its own number.
+void ExpectSample(CNTFSVolume* volume, const std::vector<int64_t>& taken, const std::string& phase) {
+    for (size_t i = 0; i < taken.size(); i += taken.size() / 64 + 1) {
+        CFullFileRecord* record = nullptr;
+        ASSERT_EQ(volume->ReferenceFileRecord(taken[i], &record), 0u) << phase << " record " << taken[i];
+        CAttribute* data = record->FindAttribute(AttributeData, nullptr, 0, 0);
+        ASSERT_NE(data, nullptr) << phase << " record " << taken[i];
+        EXPECT_EQ(ReadI64(data->GetValue(), 0), taken[i]) << phase;
+        record->Release();
+    }
+}
+
+// Unmounts, checks the image with the independent readers, mounts it again
+// in a new volume object, audits it and reads a sample of the records back.
+std::unique_ptr<MountedVolume> Remount(std::unique_ptr<MountedVolume> mounted, const std::vector<int64_t>& taken,
+                                       const std::string& phase, int64_t kept = 0) {
+    const std::string image = mounted->UnmountToFile();
+    const std::string quoted = test::ShellQuote(image);
+    const test::ToolResult fix = test::RunTool("ntfsfix -n " + quoted);
+    EXPECT_EQ(fix.status, 0) << phase << ": " << fix.output;
+    const test::ToolResult list = test::RunTool("ntfsls -R " + quoted);
+    EXPECT_EQ(list.status, 0) << phase << ": " << list.output.substr(0, 2000);
+    const test::ToolResult walk = test::RunTool("fls -r -p " + quoted);
+    EXPECT_EQ(walk.status, 0) << phase << ": " << walk.output.substr(0, 2000);
+    EXPECT_EQ(walk.output.find("Error"), std::string::npos) << phase << ": " << walk.output.substr(0, 2000);
+    // The readers see $MFT at its grown size.
+    const test::ToolResult info = test::RunTool("ntfsinfo -i 0 " + quoted);
+    EXPECT_EQ(info.status, 0) << phase << ": " << info.output.substr(0, 2000);
+
+    auto again = std::make_unique<MountedVolume>(ReadFile(image));
+    EXPECT_EQ(again->Mount(), 1) << phase << ": " << again->Volume()->GetLastError();
+    CNTFSVolume* volume = again->Volume();
+    ExpectAudited(volume, phase + " after remount", kept);
+    ExpectSample(volume, taken, phase);
+    return again;
+}
+
+// Takes records in rounds until `done` says so, capturing the log.
+template <typename Done>
+unsigned int Grow(CNTFSVolume* volume, std::vector<int64_t>* taken, Paths* paths, int limit, Done done) {
+    unsigned int code = ERROR_SUCCESS;
+    for (int round = 0; round < limit && code == ERROR_SUCCESS && !done(); ++round) {
+        testing::internal::CaptureStdout();
+        code = TakeRecords(volume, 16, taken, paths);
+        const std::string log = testing::internal::GetCapturedStdout();
+        paths->Count(log);
+        if (code != ERROR_SUCCESS) std::printf("%s\n", log.substr(log.size() > 3000 ? log.size() - 3000 : 0).c_str());
+    }
+    return code;
+}
+
+// A new volume of `megabytes` with clusters of `cluster` bytes, made by
+// mkntfs in a temporary file, loaded into memory.
+std::vector<uint8_t> MakeVolume(int megabytes, int cluster) {
+    char name[] = "/tmp/ntfskit-mft-XXXXXX";
+    const int fd = mkstemp(name);
+    if (fd < 0) return {};
+    std::FILE* file = fdopen(fd, "w");
+    std::fclose(file);
+    const std::string quoted = test::ShellQuote(name);
+    const test::ToolResult made = test::RunTool("truncate -s " + std::to_string(megabytes) + "M " + quoted +
+                                                " && mkntfs -F -Q -q -s 512 -c " + std::to_string(cluster) +
+                                                " -L grow " + quoted);
+    std::vector<uint8_t> image = made.status == 0 ? ReadFile(name) : std::vector<uint8_t>{};
+    std::remove(name);
+    return image;
+}
+
+// Fragments the free space of `volume`: every free cluster is taken, then
+// given back in stretches of `free` clusters with one kept between them.
+// Returns the kept clusters, which the test frees at the end.
+std::vector<int64_t> Fragment(CNTFSVolume* volume, int free) {
+    std::vector<int64_t> taken;
+    for (;;) {
+        int64_t start = 0;
+        int got = 0;
+        if (volume->SearchSpareClusterAndAllocate(1, &start, &got, 0) != ERROR_SUCCESS) break;
+        taken.push_back(start);
+    }
+    std::vector<int64_t> kept;
+    for (size_t i = 0; i < taken.size(); ++i) {
+        if (i % static_cast<size_t>(free + 1) == static_cast<size_t>(free)) {
+            kept.push_back(taken[i]);
+        } else {
+            int64_t start = taken[i];
+            EXPECT_EQ(volume->FreeClusters(&start, 1), 0u);
+        }
+    }
+    return kept;
+}
+
+void FreeKept(CNTFSVolume* volume, const std::vector<int64_t>& kept) {
+    for (int64_t cluster : kept) {
+        int64_t start = cluster;
+        EXPECT_EQ(volume->FreeClusters(&start, 1), 0u);
+    }
+}
+
+TEST(MftEnlargement, BigVolumeGrowsSeveralTimes) {
+    auto mounted = std::make_unique<MountedVolume>("big");
+    ASSERT_EQ(mounted->Mount(), 1);
+    const MftShape before = ShapeOf(mounted->Volume());
+    std::vector<int64_t> taken;
+    Paths paths;
+    // 16 records per growth on this volume (65535 sectors): ten growths.
+    const unsigned int code = Grow(mounted->Volume(), &taken, &paths, 1000, [&] {
+        return ShapeOf(mounted->Volume()).Records >= before.Records + 160 + 16;
+    });
+    ASSERT_EQ(code, 0u);
+    const MftShape after = ShapeOf(mounted->Volume());
+    EXPECT_GE(after.Records, before.Records + 160);
+    EXPECT_EQ(after.Records % 2, 0);
+    ExpectAudited(mounted->Volume(), "big");
+    mounted = Remount(std::move(mounted), taken, "big");
+    EXPECT_EQ(ShapeOf(mounted->Volume()).Records, after.Records);
+    EXPECT_GE(paths.Enlargements, 10);
+    std::printf("big: records %lld -> %lld, %d stampings, %d enlargements, pieces %d -> %d\n",
+                static_cast<long long>(before.Records), static_cast<long long>(after.Records), paths.Full,
+                paths.Enlargements, before.DataPieces, after.DataPieces);
+}
+
+// Fills $MFT's base record to its last byte with a resident named
+// stream, and writes it.
+unsigned int FillBaseRecord(CNTFSVolume* volume) {
+    CFullFileRecord* mft = volume->GetMftBitmap()->Mft;
+    CFileRecord* base = mft;
+    const int size = base->GetFreeSpace() & ~7;
+    CAttribute pad(size, 1, u"pad");
+    WriteU32(pad.Header, kAttributeTypeOffset, AttributeData);
+    std::vector<uint8_t> zeros(static_cast<size_t>(size));
+    pad.SetValue(zeros.data(), size - ReadU16(pad.Header, kResidentValueOffsetOffset));
+    if (base->InsertAttribute(&pad) == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+    mft->RebuildMergedTable();
+    int64_t changed = 0;
+    return volume->UpdateFileRecord(mft, nullptr, nullptr, &changed) ? ERROR_SUCCESS : volume->GetLastError();
+}
+
+void Report(const char* phase, const MftShape& shape, const Paths& paths) {
+    std::printf("%s: records %lld, pieces %d, extension records %d, record 15 %d, bitmap in base %d, "
+                "%d stampings, %d enlargements, %d tail moves\n",
+                phase, static_cast<long long>(shape.Records), shape.DataPieces, shape.ExtensionRecords,
+                shape.Record15 ? 1 : 0, shape.BitmapInBase ? 1 : 0, paths.Full, paths.Enlargements,
+                paths.TailMoves);
+}
+
+// A volume of 32 MiB (65535 sectors: 16 records a growth) with clusters of
+// one sector, whose free space is cut into stretches of 20 clusters: each
+// growth of 32 clusters takes two runs (requests fall to the longest free
+// run), so the runs fill record 0 and then extension records, and the MFT
+// bitmap outgrows its cluster where record 0 has no room left for its run.
+TEST(MftEnlargement, FragmentedVolumeOpensPiecesSpillsItsBitmapAndMovesItsTail) {
+    std::vector<uint8_t> image = MakeVolume(32, 512);
+    ASSERT_FALSE(image.empty()) << "mkntfs could not make the volume";
+    auto mounted = std::make_unique<MountedVolume>(std::move(image));
+    ASSERT_EQ(mounted->Mount(), 1);
+    const MftShape before = ShapeOf(mounted->Volume());
+    Report("fragmented, before", before, Paths{});
+    EXPECT_EQ(before.DataPieces, 1);
+    EXPECT_FALSE(before.HasList);
+    std::vector<int64_t> kept = Fragment(mounted->Volume(), 20);
+    auto held = static_cast<int64_t>(kept.size());
+    std::vector<int64_t> taken;
+    Paths paths;
+
+    // 1. New pieces: the first in record 15, with a new attribute list.
+    ASSERT_EQ(Grow(mounted->Volume(), &taken, &paths, 2000, [&] { return ShapeOf(mounted->Volume()).DataPieces >= 3; }),
+              0u);
+    MftShape shape = ShapeOf(mounted->Volume());
+    Report("fragmented, pieces", shape, paths);
+    EXPECT_GE(shape.DataPieces, 3);
+    EXPECT_TRUE(shape.Record15);
+    EXPECT_TRUE(shape.HasList);
+    ExpectAudited(mounted->Volume(), "pieces", held);
+    mounted = Remount(std::move(mounted), taken, "pieces", held);
+    EXPECT_EQ(ShapeOf(mounted->Volume()).DataPieces, shape.DataPieces);
+
+    // 2. Record 0 is full (a resident stream fills it) when the bitmap needs
+    //    a second cluster: the bitmap moves to a record of its own.
+    ASSERT_EQ(FillBaseRecord(mounted->Volume()), 0u);
+    ASSERT_EQ(Grow(mounted->Volume(), &taken, &paths, 2000, [&] { return !ShapeOf(mounted->Volume()).BitmapInBase; }),
+              0u);
+    ASSERT_EQ(TakeRecords(mounted->Volume(), 64, &taken, &paths), 0u);
+    shape = ShapeOf(mounted->Volume());
+    Report("fragmented, bitmap", shape, paths);
+    EXPECT_FALSE(shape.BitmapInBase);
+    EXPECT_GT(shape.Records, 4096);
+    ExpectAudited(mounted->Volume(), "bitmap", held);
+    mounted = Remount(std::move(mounted), taken, "bitmap", held);
+
+    // 3. No record free at all when a piece is full: the tail moves. Every
+    //    second kept cluster goes back, so that stretches of 41 clusters take
+    //    a growth in one run and the last run plus four records still finds
+    //    a place.
+    std::vector<int64_t> stillKept;
+    for (size_t i = 0; i < kept.size(); ++i) {
+        if (i % 2 == 0) {
+            stillKept.push_back(kept[i]);
+        } else {
+            int64_t start = kept[i];
+            ASSERT_EQ(mounted->Volume()->FreeClusters(&start, 1), 0u);
+        }
+    }
+    kept = stillKept;
+    held = static_cast<int64_t>(kept.size());
+    for (int round = 0; round < 2000 && paths.TailMoves == 0; ++round) {
+        ASSERT_EQ(UseEveryFreeRecord(mounted->Volume(), &taken), 0u);
+        testing::internal::CaptureStdout();
+        const unsigned int code = TakeRecords(mounted->Volume(), 1, &taken, &paths);
+        const std::string log = testing::internal::GetCapturedStdout();
+        paths.Count(log);
+        ASSERT_EQ(code, 0u) << "round " << round << "\n" << log.substr(log.size() > 3000 ? log.size() - 3000 : 0);
+    }
+    ASSERT_EQ(TakeRecords(mounted->Volume(), 64, &taken, &paths), 0u);
+    shape = ShapeOf(mounted->Volume());
+    Report("fragmented, tail", shape, paths);
+    EXPECT_EQ(paths.TailMoves, 1);
+    ExpectAudited(mounted->Volume(), "tail", held);
+    mounted = Remount(std::move(mounted), taken, "tail", held);
+
+    // The test's own clusters go back; the volume is whole.
+    FreeKept(mounted->Volume(), kept);
+    ExpectAudited(mounted->Volume(), "end");
+    mounted = Remount(std::move(mounted), taken, "end");
+}
+
+}  // namespace
+}  // namespace ntfs
