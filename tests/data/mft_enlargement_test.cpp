@@ -385,5 +385,85 @@ TEST(MftEnlargement, FragmentedVolumeOpensPiecesSpillsItsBitmapAndMovesItsTail) 
     mounted = Remount(std::move(mounted), taken, "end");
 }
 
+// A volume of fewer than 32768 sectors has no growth step: once the room
+// $DATA owns is stamped, the answer is 39 and nothing on the volume changes.
+TEST(MftEnlargement, VolumeTooSmallToGrowAnswers39AndStaysWhole) {
+    auto mounted = std::make_unique<MountedVolume>("c4k");
+    ASSERT_EQ(mounted->Mount(), 1);
+    CNTFSVolume* volume = mounted->Volume();
+    int64_t sectors = 0;
+    volume->GetVolumeSectorNumber(&sectors);
+    ASSERT_LT(sectors, 32768);
+    std::vector<int64_t> taken;
+    unsigned int code = ERROR_SUCCESS;
+    CFileRecordBitmap* bitmap = volume->GetMftBitmap();
+    // Up to the last stamped record: the next call would enlarge.
+    while (code == ERROR_SUCCESS &&
+           !(bitmap->FreeRecords <= 2 && MftAllocated(volume) - ShapeOf(volume).Records * 1024 < 1024)) {
+        code = TakeRecords(volume, 1, &taken);
+    }
+    ASSERT_EQ(code, 0u);
+    const std::vector<uint8_t> before = mounted->Memory().Bytes();
+    const int64_t records = ShapeOf(volume).Records;
+    testing::internal::CaptureStdout();
+    CFileRecord* record = nullptr;
+    EXPECT_EQ(volume->ReferenceEmptyFileRecordFromMFT(&record, 0), ERROR_HANDLE_DISK_FULL);
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(log.find("$MFT file is full. Enlarge it to store more data.\n"), std::string::npos);
+    EXPECT_EQ(record, nullptr);
+    EXPECT_EQ(mounted->Memory().Bytes(), before);
+    EXPECT_EQ(ShapeOf(volume).Records, records);
+    ExpectAudited(volume, "small");
+    mounted = Remount(std::move(mounted), taken, "small");
+}
+
+// Record 15 that carries a name is a file of someone's: it is left alone and
+// a free record takes the new piece; without a list, piece 0 keeps the runs
+// up to that record and the rest moves there.
+TEST(MftEnlargement, Record15WithANameIsLeftAlone) {
+    std::vector<uint8_t> image = MakeVolume(20, 512);
+    ASSERT_FALSE(image.empty()) << "mkntfs could not make the volume";
+    auto mounted = std::make_unique<MountedVolume>(std::move(image));
+    ASSERT_EQ(mounted->Mount(), 1);
+    CNTFSVolume* volume = mounted->Volume();
+    {
+        CFullFileRecord* fifteen = nullptr;
+        ASSERT_EQ(volume->ReferenceFileRecord(15, &fifteen), 0u);
+        CAttribute name(kResidentHeaderSize + 72, 1, nullptr);
+        WriteU32(name.Header, kAttributeTypeOffset, AttributeFileName);
+        uint8_t value[68] = {};
+        WriteU64(value, kFileNameParentOffset, kRootDirectoryRecord | (uint64_t{5} << 48));
+        WriteU8(value, kFileNameLengthOffset, 1);
+        WriteU16(value, kFileNameUnitsOffset, u'x');
+        name.SetValue(value, sizeof(value));
+        CFileRecord* base = fifteen;
+        ASSERT_NE(base->InsertAttribute(&name), nullptr);
+        ASSERT_EQ(base->WriteRecord(), 0u);
+        fifteen->Release();
+    }
+    const std::vector<int64_t> kept = Fragment(volume, 20);
+    std::vector<int64_t> taken;
+    Paths paths;
+    ASSERT_EQ(Grow(volume, &taken, &paths, 2000, [&] { return ShapeOf(volume).DataPieces >= 2; }), 0u);
+    const MftShape shape = ShapeOf(volume);
+    Report("record 15 named", shape, paths);
+    EXPECT_FALSE(shape.Record15);
+    EXPECT_TRUE(shape.HasList);
+    EXPECT_EQ(shape.ExtensionRecords, 1);
+    CFullFileRecord* fifteen = nullptr;
+    ASSERT_EQ(volume->ReferenceFileRecord(15, &fifteen), 0u);
+    EXPECT_NE(fifteen->FindAttribute(AttributeFileName, nullptr, 0, 0), nullptr);
+    EXPECT_EQ(ReadU64(fifteen->Image, kFileBaseReferenceOffset), 0u);
+    fifteen->Release();
+    // Piece 0 ends with the clusters of the record that holds piece 1.
+    CFullFileRecord* mft = volume->GetMftBitmap()->Mft;
+    CAttribute* second = mft->FindAttribute(AttributeData, nullptr, 0, 1);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(second->GetLowestVcn(), (second->Record->RecordNumber + 1) * 1024 / 512);
+    FreeKept(volume, kept);
+    ExpectAudited(volume, "record 15 named");
+    mounted = Remount(std::move(mounted), taken, "record 15 named");
+}
+
 }  // namespace
 }  // namespace ntfs
