@@ -385,6 +385,32 @@ TEST(MftEnlargement, FragmentedVolumeOpensPiecesSpillsItsBitmapAndMovesItsTail) 
     mounted = Remount(std::move(mounted), taken, "end");
 }
 
+// The long workload, run when NTFSKIT_LONG_TESTS is set: 100,000 records
+// taken on a new 256 MiB volume with clusters of 4 KiB.
+TEST(MftEnlargement, HundredThousandRecords) {
+    if (std::getenv("NTFSKIT_LONG_TESTS") == nullptr) GTEST_SKIP() << "set NTFSKIT_LONG_TESTS to run";
+    std::vector<uint8_t> image = MakeVolume(256, 4096);
+    ASSERT_FALSE(image.empty()) << "mkntfs could not make the volume";
+    auto mounted = std::make_unique<MountedVolume>(std::move(image));
+    ASSERT_EQ(mounted->Mount(), 1);
+    const MftShape before = ShapeOf(mounted->Volume());
+    std::vector<int64_t> taken;
+    Paths paths;
+    const auto start = std::chrono::steady_clock::now();
+    testing::internal::CaptureStdout();
+    const unsigned int code = TakeRecords(mounted->Volume(), 100000, &taken, &paths);
+    paths.Count(testing::internal::GetCapturedStdout());
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    ASSERT_EQ(code, 0u);
+    const MftShape after = ShapeOf(mounted->Volume());
+    std::printf("100000 records in %.1f s; $MFT %lld -> %lld records (%lld bytes allocated)\n", seconds,
+                static_cast<long long>(before.Records), static_cast<long long>(after.Records),
+                static_cast<long long>(MftAllocated(mounted->Volume())));
+    Report("long", after, paths);
+    ExpectAudited(mounted->Volume(), "long");
+    mounted = Remount(std::move(mounted), taken, "long");
+}
+
 // A volume of fewer than 32768 sectors has no growth step: once the room
 // $DATA owns is stamped, the answer is 39 and nothing on the volume changes.
 TEST(MftEnlargement, VolumeTooSmallToGrowAnswers39AndStaysWhole) {
