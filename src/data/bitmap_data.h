@@ -129,10 +129,12 @@ public:
     // Takes one free record and stamps it as a blank record in use: its bit
     // is set, its image on disk is a fresh FILE record with the in-use flag.
     // With two free records or fewer left, first stamps up to ten new
-    // records out of the room $MFT's $DATA already owns. REQUIRES: the
-    // exclusive lock of Mft. 0 with `*index`, or ERROR_HANDLE_DISK_FULL (no
-    // free record and no room to make one), ERROR_NOT_ENOUGH_MEMORY, or a
-    // code of the reads and writes (the bit is then given back).
+    // records out of the room $MFT's $DATA already owns, enlarging $MFT
+    // (EnlargeMft) when that room is used up; while Growing is set it only
+    // takes a free bit. REQUIRES: the exclusive lock of Mft. 0 with `*index`,
+    // or ERROR_HANDLE_DISK_FULL (no free record and $MFT cannot grow),
+    // ERROR_NOT_ENOUGH_MEMORY, or a code of the reads, writes and growth
+    // (a bit taken is then given back).
     [[nodiscard]] unsigned int TakeRecord(int64_t* index, int ignoreExclusions);
     // Stamps `count` records from `first` as free on disk: the signature and
     // a zero flags word, every other byte as it was read.

@@ -605,7 +605,15 @@ unsigned int CFileRecordBitmap::RelocateMftAttribute(int* grown) {
     joined = true;
     if (!FirstDataPieceInBase(Mft)) return undo(7, ERROR_INTERNAL_ERROR);
     int64_t changed = 0;
-    if (!Volume->UpdateFileRecord(Mft, nullptr, nullptr, &changed)) return undo(7, Volume->LastError);
+    // The rewrite of the list has already written every changed record, so
+    // the new piece is on disk by now. A failure of this write, or of the
+    // bitmap's growth below, is answered but not undone: undoing memory
+    // would part it from the disk, leave the new list's clusters marked with
+    // no owner and an old list's clusters, freed by the rewrite, owned again.
+    // Only the old place of moved runs is kept then, which leaks rather than
+    // frees clusters that a half-written mapping might still name.
+    unsigned int late = ERROR_SUCCESS;
+    if (!Volume->UpdateFileRecord(Mft, nullptr, nullptr, &changed)) late = Volume->LastError;
     KeepAsRevertPoint(Mft);
 
     int64_t n = reserve;
@@ -615,7 +623,7 @@ unsigned int CFileRecordBitmap::RelocateMftAttribute(int* grown) {
         code = items > static_cast<int64_t>(UINT32_MAX) ? ERROR_HANDLE_DISK_FULL
                                                         : Resize(static_cast<uint32_t>(items));
         if (code == ERROR_INSUFFICIENT_BUFFER) code = SpillBitmap(static_cast<uint32_t>(items));
-        if (code != ERROR_SUCCESS) return undo(7, code);
+        if (code != ERROR_SUCCESS && late == ERROR_SUCCESS) late = code;
     }
     // Without a third piece the count grows by the clusters of the move, not
     // by its records; that is how the count is kept.
@@ -629,13 +637,13 @@ unsigned int CFileRecordBitmap::RelocateMftAttribute(int* grown) {
     }
     // The old place of the moved runs goes back only now that the new
     // mapping is on disk.
-    for (int i = 0; i + 1 < oldRuns.GetCount(); i += 2) {
+    for (int i = 0; late == ERROR_SUCCESS && i + 1 < oldRuns.GetCount(); i += 2) {
         int64_t start = oldRuns.Get(i);
         (void)Volume->FreeClusters(&start, static_cast<int>(oldRuns.Get(i + 1)));
     }
     std::free(foundImage);
     Growing = 0;
-    return ERROR_SUCCESS;
+    return late;
 }
 
 unsigned int CFileRecordBitmap::SpillBitmap(uint32_t items) {

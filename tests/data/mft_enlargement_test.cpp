@@ -385,6 +385,85 @@ TEST(MftEnlargement, FragmentedVolumeOpensPiecesSpillsItsBitmapAndMovesItsTail) 
     mounted = Remount(std::move(mounted), taken, "end");
 }
 
+// A device error at each write of the take that opens the first new piece
+// (record 15, a new attribute list, piece 0 split): the take answers the
+// device's code or succeeds, and the volume, mounted again, has every
+// cluster and record accounted for and still takes records.
+TEST(MftEnlargement, DeviceErrorAtEachWriteOfAPieceOpening) {
+    std::vector<uint8_t> image = MakeVolume(20, 512);
+    ASSERT_FALSE(image.empty()) << "mkntfs could not make the volume";
+    auto prepared = std::make_unique<MountedVolume>(std::move(image));
+    ASSERT_EQ(prepared->Mount(), 1);
+    const std::vector<int64_t> kept = Fragment(prepared->Volume(), 20);
+    const auto held = static_cast<int64_t>(kept.size());
+    std::vector<int64_t> taken;
+    // Up to the take before the one that opens a piece, found on a copy.
+    std::vector<uint8_t> start;
+    int before = 0;
+    {
+        testing::internal::CaptureStdout();
+        unsigned int code = ERROR_SUCCESS;
+        while (code == ERROR_SUCCESS && ShapeOf(prepared->Volume()).DataPieces < 2) {
+            code = TakeRecords(prepared->Volume(), 1, &taken);
+        }
+        (void)testing::internal::GetCapturedStdout();
+        ASSERT_EQ(code, 0u);
+        before = static_cast<int>(taken.size()) - 1;
+    }
+    {
+        std::vector<uint8_t> fresh = MakeVolume(20, 512);
+        MountedVolume again(std::move(fresh));
+        ASSERT_EQ(again.Mount(), 1);
+        EXPECT_EQ(Fragment(again.Volume(), 20), kept);
+        std::vector<int64_t> ignored;
+        testing::internal::CaptureStdout();
+        const unsigned int code = TakeRecords(again.Volume(), before, &ignored);
+        (void)testing::internal::GetCapturedStdout();
+        ASSERT_EQ(code, 0u);
+        ASSERT_EQ(ShapeOf(again.Volume()).DataPieces, 1);
+        (void)again.UnmountToFile();
+        start = again.Memory().Bytes();
+    }
+    // The writes of that one take.
+    int writes = 0;
+    {
+        MountedVolume probe(start);
+        ASSERT_EQ(probe.Mount(), 1);
+        const int first = probe.Faults().Writes();
+        std::vector<int64_t> ignored;
+        testing::internal::CaptureStdout();
+        ASSERT_EQ(TakeRecords(probe.Volume(), 1, &ignored), 0u);
+        (void)testing::internal::GetCapturedStdout();
+        ASSERT_EQ(ShapeOf(probe.Volume()).DataPieces, 2);
+        writes = probe.Faults().Writes() - first;
+
+    }
+    ASSERT_GT(writes, 4);
+    for (int nth = 1; nth <= writes; ++nth) {
+        const std::string when = "write " + std::to_string(nth) + " of " + std::to_string(writes);
+        auto faulty = std::make_unique<MountedVolume>(start);
+        ASSERT_EQ(faulty->Mount(), 1);
+        faulty->Faults().FailNthWrite(faulty->Faults().Writes() + nth, ERROR_IO_DEVICE);
+        std::vector<int64_t> more;
+        testing::internal::CaptureStdout();
+        const unsigned int code = TakeRecords(faulty->Volume(), 1, &more);
+        (void)testing::internal::GetCapturedStdout();
+        EXPECT_TRUE(code == ERROR_SUCCESS || code == ERROR_IO_DEVICE) << when << ": " << code;
+        faulty->Faults().Heal();
+        (void)faulty->UnmountToFile();
+        MountedVolume after(faulty->Memory().Bytes());
+        ASSERT_EQ(after.Mount(), 1) << when;
+        const test::ClusterAudit audit = test::AuditClusters(after.Volume());
+        EXPECT_TRUE(audit.OwnedTwice == 0 && audit.OwnedButFree == 0 && audit.RecordMismatches == 0 &&
+                    audit.Leaked == held)
+            << when << ": " << audit.First << " (twice " << audit.OwnedTwice << ", owned-free " << audit.OwnedButFree
+            << ", leaked " << audit.Leaked - held << ", records " << audit.RecordMismatches << ")";
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(TakeRecords(after.Volume(), 32, &more), 0u) << when;
+        (void)testing::internal::GetCapturedStdout();
+    }
+}
+
 // The long workload, run when NTFSKIT_LONG_TESTS is set: 100,000 records
 // taken on a new 256 MiB volume with clusters of 4 KiB.
 TEST(MftEnlargement, HundredThousandRecords) {
