@@ -554,6 +554,17 @@ unsigned int CFileRecordBitmap::RelocateMftAttribute(int* grown) {
         }
         code = InitializeRecords(ReserveBase, ReserveCount);
         if (code != ERROR_SUCCESS) return undo(4, code);
+        // The new record must lie inside $MFT's initialized size once it is
+        // written: a record past it cannot be read by other implementations,
+        // which then refuse the whole volume if the stamping that follows
+        // this move fails. The reserved records were just stamped, so the
+        // sizes cover them from here on.
+        const int64_t covered = (ReserveBase + ReserveCount) * FileRecordSize;
+        if (ReadI64(first->Header, kNonResidentInitializedSizeOffset) < covered) {
+            WriteU64(first->Header, kNonResidentDataSizeOffset, static_cast<uint64_t>(covered));
+            WriteU64(first->Header, kNonResidentInitializedSizeOffset, static_cast<uint64_t>(covered));
+            first->Mark();
+        }
         ReserveMask = 1;
         pending = MakeEmptyPiece(last);
         if (pending == nullptr) return undo(4, ERROR_NOT_ENOUGH_MEMORY);
@@ -610,8 +621,8 @@ unsigned int CFileRecordBitmap::RelocateMftAttribute(int* grown) {
     // bitmap's growth below, is answered but not undone: undoing memory
     // would part it from the disk, leave the new list's clusters marked with
     // no owner and an old list's clusters, freed by the rewrite, owned again.
-    // Only the old place of moved runs is kept then, which leaks rather than
-    // frees clusters that a half-written mapping might still name.
+    // That rewrite wrote the record of the moved runs too (it is marked), so
+    // their old place is named by nothing on disk and goes back either way.
     unsigned int late = ERROR_SUCCESS;
     if (!Volume->UpdateFileRecord(Mft, nullptr, nullptr, &changed)) late = Volume->LastError;
     KeepAsRevertPoint(Mft);
@@ -637,7 +648,7 @@ unsigned int CFileRecordBitmap::RelocateMftAttribute(int* grown) {
     }
     // The old place of the moved runs goes back only now that the new
     // mapping is on disk.
-    for (int i = 0; late == ERROR_SUCCESS && i + 1 < oldRuns.GetCount(); i += 2) {
+    for (int i = 0; i + 1 < oldRuns.GetCount(); i += 2) {
         int64_t start = oldRuns.Get(i);
         (void)Volume->FreeClusters(&start, static_cast<int>(oldRuns.Get(i + 1)));
     }

@@ -158,8 +158,13 @@ unsigned int CFileRecordBitmap::TakeRecord(int64_t* index, int ignoreExclusions)
     if (code == ERROR_SUCCESS && !CFileRecord::InitializeFileRecord(reinterpret_cast<_FILE_RECORD_HEADER*>(buffer),
                                                                     FileRecordSize, Volume->GetSectorSize(), &item)) {
         // A record whose bit is clear but whose image says it is in use is
-        // not overwritten: whatever it holds stays, and the bit goes back.
-        code = ERROR_FILE_CORRUPT;
+        // not overwritten: whatever it holds stays (a bit lost to a failed
+        // write can leave one of $MFT's own records so). Its bit stays set,
+        // which is what the record's image says, so that the next search
+        // does not find the same record again.
+        std::free(buffer);
+        --FreeRecords;
+        return ERROR_FILE_CORRUPT;
     }
     if (code == ERROR_SUCCESS) {
         WriteU16(buffer, kFileFlagsOffset, kFileRecordInUse);

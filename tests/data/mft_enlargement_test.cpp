@@ -385,6 +385,95 @@ TEST(MftEnlargement, FragmentedVolumeOpensPiecesSpillsItsBitmapAndMovesItsTail) 
     mounted = Remount(std::move(mounted), taken, "end");
 }
 
+// Fails each of the `writes` writes of the next take on copies of `image`
+// in turn: the take answers the device's code (or 1392 for a record whose
+// bit that write lost, which keeps its bit from then on) or succeeds, and
+// the volume, mounted again, has every cluster and record accounted for
+// (`held` clusters are the test's own; a failed write of a release may leak
+// up to `leakable` clusters, never free one in use) and still takes records.
+void FailEachWrite(const std::vector<uint8_t>& image, int writes, int64_t held, int64_t leakable) {
+    for (int nth = 1; nth <= writes; ++nth) {
+        const std::string when = "write " + std::to_string(nth) + " of " + std::to_string(writes);
+        auto faulty = std::make_unique<MountedVolume>(image);
+        ASSERT_EQ(faulty->Mount(), 1);
+        faulty->Faults().FailNthWrite(faulty->Faults().Writes() + nth, ERROR_IO_DEVICE);
+        std::vector<int64_t> more;
+        testing::internal::CaptureStdout();
+        const unsigned int code = TakeRecords(faulty->Volume(), 1, &more);
+        (void)testing::internal::GetCapturedStdout();
+        EXPECT_TRUE(code == ERROR_SUCCESS || code == ERROR_IO_DEVICE || code == ERROR_FILE_CORRUPT)
+            << when << ": " << code;
+        faulty->Faults().Heal();
+        (void)faulty->UnmountToFile();
+        MountedVolume after(faulty->Memory().Bytes());
+        ASSERT_EQ(after.Mount(), 1) << when;
+        const test::ClusterAudit audit = test::AuditClusters(after.Volume());
+        EXPECT_TRUE(audit.OwnedTwice == 0 && audit.OwnedButFree == 0 && audit.RecordMismatches == 0 &&
+                    audit.Leaked >= held && audit.Leaked <= held + leakable)
+            << when << ": " << audit.First << " (twice " << audit.OwnedTwice << ", owned-free " << audit.OwnedButFree
+            << ", leaked " << audit.Leaked - held << ", records " << audit.RecordMismatches << ")";
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(TakeRecords(after.Volume(), 32, &more), 0u) << when;
+        (void)testing::internal::GetCapturedStdout();
+    }
+}
+
+// Gives record 15 a $FILE_NAME, as a file of someone's would have.
+unsigned int NameRecord15(CNTFSVolume* volume) {
+    CFullFileRecord* fifteen = nullptr;
+    unsigned int code = volume->ReferenceFileRecord(15, &fifteen);
+    if (code != ERROR_SUCCESS) return code;
+    CAttribute name(kResidentHeaderSize + 72, 1, nullptr);
+    WriteU32(name.Header, kAttributeTypeOffset, AttributeFileName);
+    uint8_t value[68] = {};
+    WriteU64(value, kFileNameParentOffset, kRootDirectoryRecord | (uint64_t{5} << 48));
+    WriteU8(value, kFileNameLengthOffset, 1);
+    WriteU16(value, kFileNameUnitsOffset, u'x');
+    name.SetValue(value, sizeof(value));
+    CFileRecord* base = fifteen;
+    code = base->InsertAttribute(&name) != nullptr ? base->WriteRecord() : ERROR_NOT_ENOUGH_MEMORY;
+    fifteen->Release();
+    return code;
+}
+
+// The writes the next take makes on a copy of `image`, which must bring
+// $MFT to `pieces` pieces of $DATA.
+int WritesOfNextTake(const std::vector<uint8_t>& image, int pieces, Paths* paths) {
+    MountedVolume probe(image);
+    if (probe.Mount() != 1) return -1;
+    const int first = probe.Faults().Writes();
+    std::vector<int64_t> ignored;
+    testing::internal::CaptureStdout();
+    const unsigned int code = TakeRecords(probe.Volume(), 1, &ignored);
+    paths->Count(testing::internal::GetCapturedStdout());
+    if (code != ERROR_SUCCESS || ShapeOf(probe.Volume()).DataPieces != pieces) return -1;
+    return probe.Faults().Writes() - first;
+}
+
+// A volume of 20 MiB with clusters of one sector, record 15 named and the
+// free space in stretches of 40 clusters (one run a growth), grown until
+// record 0 is full of runs with every record in use: `rounds` rounds of
+// using every free record and taking one more. Returns the image unmounted.
+std::vector<uint8_t> FullRecordZero(int rounds, std::vector<int64_t>* kept, int* tail) {
+    MountedVolume mounted(MakeVolume(20, 512));
+    if (mounted.Mount() != 1 || NameRecord15(mounted.Volume()) != ERROR_SUCCESS) return {};
+    *kept = Fragment(mounted.Volume(), 40);
+    std::vector<int64_t> taken;
+    Paths paths;
+    int round = 0;
+    for (; round < rounds && paths.TailMoves == 0; ++round) {
+        if (UseEveryFreeRecord(mounted.Volume(), &taken) != ERROR_SUCCESS) return {};
+        if (round + 1 == rounds) break;
+        testing::internal::CaptureStdout();
+        const unsigned int code = TakeRecords(mounted.Volume(), 1, &taken);
+        paths.Count(testing::internal::GetCapturedStdout());
+        if (code != ERROR_SUCCESS) return {};
+    }
+    *tail = paths.TailMoves != 0 ? round : 0;
+    (void)mounted.UnmountToFile();
+    return mounted.Memory().Bytes();
+}
+
 // A device error at each write of the take that opens the first new piece
 // (record 15, a new attribute list, piece 0 split): the take answers the
 // device's code or succeeds, and the volume, mounted again, has every
@@ -439,29 +528,55 @@ TEST(MftEnlargement, DeviceErrorAtEachWriteOfAPieceOpening) {
 
     }
     ASSERT_GT(writes, 4);
-    for (int nth = 1; nth <= writes; ++nth) {
-        const std::string when = "write " + std::to_string(nth) + " of " + std::to_string(writes);
-        auto faulty = std::make_unique<MountedVolume>(start);
-        ASSERT_EQ(faulty->Mount(), 1);
-        faulty->Faults().FailNthWrite(faulty->Faults().Writes() + nth, ERROR_IO_DEVICE);
-        std::vector<int64_t> more;
-        testing::internal::CaptureStdout();
-        const unsigned int code = TakeRecords(faulty->Volume(), 1, &more);
-        (void)testing::internal::GetCapturedStdout();
-        EXPECT_TRUE(code == ERROR_SUCCESS || code == ERROR_IO_DEVICE) << when << ": " << code;
-        faulty->Faults().Heal();
-        (void)faulty->UnmountToFile();
-        MountedVolume after(faulty->Memory().Bytes());
-        ASSERT_EQ(after.Mount(), 1) << when;
-        const test::ClusterAudit audit = test::AuditClusters(after.Volume());
-        EXPECT_TRUE(audit.OwnedTwice == 0 && audit.OwnedButFree == 0 && audit.RecordMismatches == 0 &&
-                    audit.Leaked == held)
-            << when << ": " << audit.First << " (twice " << audit.OwnedTwice << ", owned-free " << audit.OwnedButFree
-            << ", leaked " << audit.Leaked - held << ", records " << audit.RecordMismatches << ")";
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(TakeRecords(after.Volume(), 32, &more), 0u) << when;
-        (void)testing::internal::GetCapturedStdout();
-    }
+    FailEachWrite(start, writes, held, 0);
+}
+
+// With record 0 full of runs, no list yet, record 15 someone's and no record
+// free at all, the last run of $MFT moves to a place four records longer,
+// and the first of those records takes the new piece; the old clusters go
+// back. A device error at each write of that take leaves the volume
+// accounted.
+TEST(MftEnlargement, TailMoveOutOfAFullRecordZero) {
+    std::vector<int64_t> kept;
+    int tail = 0;
+    // The round whose take moves the tail, then the state just before it.
+    (void)FullRecordZero(1000, &kept, &tail);
+    ASSERT_GT(tail, 0) << "no tail move";
+    std::vector<int64_t> keptAgain;
+    int none = 0;
+    const std::vector<uint8_t> start = FullRecordZero(tail, &keptAgain, &none);
+    ASSERT_FALSE(start.empty());
+    ASSERT_EQ(keptAgain, kept);
+    const auto held = static_cast<int64_t>(kept.size());
+    Paths paths;
+    const int writes = WritesOfNextTake(start, 2, &paths);
+    ASSERT_GT(writes, 4);
+    EXPECT_EQ(paths.TailMoves, 1);
+
+    auto mounted = std::make_unique<MountedVolume>(start);
+    ASSERT_EQ(mounted->Mount(), 1);
+    const MftShape before = ShapeOf(mounted->Volume());
+    EXPECT_FALSE(before.HasList);
+    std::vector<int64_t> taken;
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(TakeRecords(mounted->Volume(), 40, &taken, &paths), 0u);
+    (void)testing::internal::GetCapturedStdout();
+    const MftShape after = ShapeOf(mounted->Volume());
+    Report("tail out of record 0", after, paths);
+    EXPECT_TRUE(after.HasList);
+    EXPECT_FALSE(after.Record15);
+    EXPECT_EQ(after.DataPieces, 2);
+    EXPECT_EQ(after.ExtensionRecords, 1);
+    EXPECT_GT(after.Records, before.Records);
+    ExpectAudited(mounted->Volume(), "tail out of record 0", held);
+    mounted = Remount(std::move(mounted), taken, "tail out of record 0", held);
+    FreeKept(mounted->Volume(), kept);
+    ExpectAudited(mounted->Volume(), "tail out of record 0, end");
+    mounted = Remount(std::move(mounted), taken, "tail out of record 0, end");
+
+    // The release of the old place of the moved run (32 clusters) is the
+    // one write whose failure leaks.
+    FailEachWrite(start, writes, held, 32);
 }
 
 // The long workload, run when NTFSKIT_LONG_TESTS is set: 100,000 records
@@ -531,21 +646,7 @@ TEST(MftEnlargement, Record15WithANameIsLeftAlone) {
     auto mounted = std::make_unique<MountedVolume>(std::move(image));
     ASSERT_EQ(mounted->Mount(), 1);
     CNTFSVolume* volume = mounted->Volume();
-    {
-        CFullFileRecord* fifteen = nullptr;
-        ASSERT_EQ(volume->ReferenceFileRecord(15, &fifteen), 0u);
-        CAttribute name(kResidentHeaderSize + 72, 1, nullptr);
-        WriteU32(name.Header, kAttributeTypeOffset, AttributeFileName);
-        uint8_t value[68] = {};
-        WriteU64(value, kFileNameParentOffset, kRootDirectoryRecord | (uint64_t{5} << 48));
-        WriteU8(value, kFileNameLengthOffset, 1);
-        WriteU16(value, kFileNameUnitsOffset, u'x');
-        name.SetValue(value, sizeof(value));
-        CFileRecord* base = fifteen;
-        ASSERT_NE(base->InsertAttribute(&name), nullptr);
-        ASSERT_EQ(base->WriteRecord(), 0u);
-        fifteen->Release();
-    }
+    ASSERT_EQ(NameRecord15(volume), 0u);
     const std::vector<int64_t> kept = Fragment(volume, 20);
     std::vector<int64_t> taken;
     Paths paths;
