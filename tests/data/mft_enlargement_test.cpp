@@ -432,6 +432,7 @@ unsigned int NameRecord15(CNTFSVolume* volume) {
     name.SetValue(value, sizeof(value));
     CFileRecord* base = fifteen;
     code = base->InsertAttribute(&name) != nullptr ? base->WriteRecord() : ERROR_NOT_ENOUGH_MEMORY;
+    fifteen->RebuildMergedTable();
     fifteen->Release();
     return code;
 }
