@@ -580,6 +580,34 @@ TEST(MftEnlargement, TailMoveOutOfAFullRecordZero) {
     FailEachWrite(start, writes, held, 32);
 }
 
+// With $MFT in one run whose record is full and no record free, the only
+// run to move would be the one that holds record 0, whose place the boot
+// sector names: the growth answers 39 and the volume's bytes stay as they
+// were.
+TEST(MftEnlargement, RunOfRecordZeroNeverMoves) {
+    MountedVolume mounted(MakeVolume(20, 512));
+    ASSERT_EQ(mounted.Mount(), 1);
+    CNTFSVolume* volume = mounted.Volume();
+    ASSERT_EQ(NameRecord15(volume), 0u);
+    ASSERT_EQ(FillBaseRecord(volume), 0u);
+    std::vector<int64_t> taken;
+    unsigned int code = ERROR_SUCCESS;
+    std::vector<uint8_t> before;
+    testing::internal::CaptureStdout();
+    for (int round = 0; round < 100 && code == ERROR_SUCCESS; ++round) {
+        code = UseEveryFreeRecord(volume, &taken);
+        if (code != ERROR_SUCCESS) break;
+        before = mounted.Memory().Bytes();
+        code = TakeRecords(volume, 1, &taken);
+    }
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(code, ERROR_HANDLE_DISK_FULL);
+    EXPECT_EQ(log.find("The new space to store node at tail"), std::string::npos);
+    EXPECT_EQ(ShapeOf(volume).DataPieces, 1);
+    EXPECT_TRUE(mounted.Memory().Bytes() == before);
+    ExpectAudited(volume, "record 0 stays");
+}
+
 // The long workload, run when NTFSKIT_LONG_TESTS is set: 100,000 records
 // taken on a new 256 MiB volume with clusters of 4 KiB.
 TEST(MftEnlargement, HundredThousandRecords) {
