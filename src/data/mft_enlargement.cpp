@@ -415,9 +415,8 @@ unsigned int CFileRecordBitmap::RelocateMftAttribute(int* grown) {
         auto* copy = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(FileRecordSize)));
         if (copy == nullptr) return undo(1, ERROR_NOT_ENOUGH_MEMORY);
         std::memcpy(copy, foundImage, static_cast<size_t>(FileRecordSize));
-        auto* probe =
-            new (std::nothrow) CFileRecord(kFirstExtensionHome, reinterpret_cast<_FILE_RECORD_HEADER*>(copy), nullptr,
-                                           Volume);
+        auto* probe = new (std::nothrow)
+            CFileRecord(kFirstExtensionHome, reinterpret_cast<_FILE_RECORD_HEADER*>(copy), nullptr, Volume);
         if (probe == nullptr) {
             std::free(copy);
             return undo(1, ERROR_NOT_ENOUGH_MEMORY);
@@ -458,8 +457,8 @@ unsigned int CFileRecordBitmap::RelocateMftAttribute(int* grown) {
         CAttribute* first = Mft->FindAttribute(AttributeData, nullptr, 0, 0);
         if (last == nullptr || first == nullptr || last->IsResident()) return undo(1, ERROR_FILE_CORRUPT);
         const int nameBytes = 2 * ReadU8(last->Header, kAttributeNameLengthOffset);
-        int limit = ReadU16(last->Header, kNonResidentRunListOffsetOffset) + last->Size -
-                    (nameBytes + kNonResidentHeaderSize);
+        int limit =
+            ReadU16(last->Header, kNonResidentRunListOffsetOffset) + last->Size - (nameBytes + kNonResidentHeaderSize);
         if (limit > last->Size) limit = last->Size;
         auto* runs = new (std::nothrow) _PIECE_RUNS;
         if (runs == nullptr) return undo(1, ERROR_NOT_ENOUGH_MEMORY);
@@ -498,7 +497,7 @@ unsigned int CFileRecordBitmap::RelocateMftAttribute(int* grown) {
             int64_t lcn = 0;
             int got = 0;
             code = Volume->SearchSpareClusterAndAllocateWithLeastItemNumber(static_cast<int>(want), &lcn, &got,
-                                                                             static_cast<int>(want), 0);
+                                                                            static_cast<int>(want), 0);
             if (code != ERROR_SUCCESS) {
                 delete runs;
                 return undo(4, code);
@@ -526,8 +525,8 @@ unsigned int CFileRecordBitmap::RelocateMftAttribute(int* grown) {
             const int64_t length = runs->Runs[r].Length;
             const int sectorCount = static_cast<int>(length * sectorsPerCluster);
             int done = 0;
-            code = Volume->CopySector(runs->Lcns[r] * sectorsPerCluster, target * sectorsPerCluster, sectorCount,
-                                      &done);
+            code =
+                Volume->CopySector(runs->Lcns[r] * sectorsPerCluster, target * sectorsPerCluster, sectorCount, &done);
             if (code == ERROR_SUCCESS && done != sectorCount) code = ERROR_IO_DEVICE;
             if (code != ERROR_SUCCESS) {
                 delete runs;
@@ -631,8 +630,7 @@ unsigned int CFileRecordBitmap::RelocateMftAttribute(int* grown) {
     if (Mft->FindAttribute(AttributeData, nullptr, 0, 2) != nullptr) {
         n = n * clusterSize / FileRecordSize;
         const int64_t items = ItemCount + n;
-        code = items > static_cast<int64_t>(UINT32_MAX) ? ERROR_HANDLE_DISK_FULL
-                                                        : Resize(static_cast<uint32_t>(items));
+        code = items > static_cast<int64_t>(UINT32_MAX) ? ERROR_HANDLE_DISK_FULL : Resize(static_cast<uint32_t>(items));
         if (code == ERROR_INSUFFICIENT_BUFFER) code = SpillBitmap(static_cast<uint32_t>(items));
         if (code != ERROR_SUCCESS && late == ERROR_SUCCESS) late = code;
     }

@@ -33,8 +33,8 @@ constexpr int64_t kRecordsStampedAtOnce = 10;
 unsigned int CFileRecordBitmap::ReadRecordImage(int64_t index, void* buffer) {
     int64_t offset = index * FileRecordSize;
     uint32_t read = 0;
-    const unsigned int code = Mft->ReadAttribute(AttributeData, nullptr, 0, &offset,
-                                                 static_cast<uint32_t>(FileRecordSize), buffer, &read);
+    const unsigned int code =
+        Mft->ReadAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(FileRecordSize), buffer, &read);
     if (code != ERROR_SUCCESS) return code;
     return read == static_cast<uint32_t>(FileRecordSize) ? ERROR_SUCCESS : ERROR_FILE_CORRUPT;
 }

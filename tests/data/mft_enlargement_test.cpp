@@ -125,9 +125,8 @@ unsigned int UseEveryFreeRecord(CNTFSVolume* volume, std::vector<int64_t>* taken
         if (bitmap->AllocateUnits(1, &index, &got, 1) != ERROR_SUCCESS) break;
         auto* image = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(size)));
         unsigned int code = bitmap->ReadRecordImage(index, image);
-        if (code == ERROR_SUCCESS &&
-            !CFileRecord::InitializeFileRecord(reinterpret_cast<_FILE_RECORD_HEADER*>(image), size,
-                                               volume->GetSectorSize(), &index)) {
+        if (code == ERROR_SUCCESS && !CFileRecord::InitializeFileRecord(reinterpret_cast<_FILE_RECORD_HEADER*>(image),
+                                                                        size, volume->GetSectorSize(), &index)) {
             code = ERROR_FILE_CORRUPT;
         }
         if (code != ERROR_SUCCESS) {
@@ -153,11 +152,9 @@ std::vector<uint8_t> ReadFile(const std::string& path) {
 // owned by no record).
 void ExpectAudited(CNTFSVolume* volume, const std::string& when, int64_t kept = 0) {
     const test::ClusterAudit audit = test::AuditClusters(volume);
-    EXPECT_TRUE(audit.OwnedTwice == 0 && audit.OwnedButFree == 0 && audit.RecordMismatches == 0 &&
-                audit.Leaked == kept)
-        << when << ": " << audit.First << " (twice " << audit.OwnedTwice << ", owned-free "
-                               << audit.OwnedButFree << ", leaked " << audit.Leaked << ", records "
-                               << audit.RecordMismatches << ")";
+    EXPECT_TRUE(audit.OwnedTwice == 0 && audit.OwnedButFree == 0 && audit.RecordMismatches == 0 && audit.Leaked == kept)
+        << when << ": " << audit.First << " (twice " << audit.OwnedTwice << ", owned-free " << audit.OwnedButFree
+        << ", leaked " << audit.Leaked << ", records " << audit.RecordMismatches << ")";
 }
 
 // A sample of the taken records reads back its own number.
@@ -220,9 +217,9 @@ std::vector<uint8_t> MakeVolume(int megabytes, int cluster) {
     std::FILE* file = fdopen(fd, "w");
     std::fclose(file);
     const std::string quoted = test::ShellQuote(name);
-    const test::ToolResult made = test::RunTool("truncate -s " + std::to_string(megabytes) + "M " + quoted +
-                                                " && mkntfs -F -Q -q -s 512 -c " + std::to_string(cluster) +
-                                                " -L grow " + quoted);
+    const test::ToolResult made =
+        test::RunTool("truncate -s " + std::to_string(megabytes) + "M " + quoted + " && mkntfs -F -Q -q -s 512 -c " +
+                      std::to_string(cluster) + " -L grow " + quoted);
     std::vector<uint8_t> image = made.status == 0 ? ReadFile(name) : std::vector<uint8_t>{};
     std::remove(name);
     return image;
@@ -265,9 +262,8 @@ TEST(MftEnlargement, BigVolumeGrowsSeveralTimes) {
     std::vector<int64_t> taken;
     Paths paths;
     // 16 records per growth on this volume (65535 sectors): ten growths.
-    const unsigned int code = Grow(mounted->Volume(), &taken, &paths, 1000, [&] {
-        return ShapeOf(mounted->Volume()).Records >= before.Records + 160 + 16;
-    });
+    const unsigned int code = Grow(mounted->Volume(), &taken, &paths, 1000,
+                                   [&] { return ShapeOf(mounted->Volume()).Records >= before.Records + 160 + 16; });
     ASSERT_EQ(code, 0u);
     const MftShape after = ShapeOf(mounted->Volume());
     EXPECT_GE(after.Records, before.Records + 160);
@@ -298,11 +294,11 @@ unsigned int FillBaseRecord(CNTFSVolume* volume) {
 }
 
 void Report(const char* phase, const MftShape& shape, const Paths& paths) {
-    std::printf("%s: records %lld, pieces %d, extension records %d, record 15 %d, bitmap in base %d, "
-                "%d stampings, %d enlargements, %d tail moves\n",
-                phase, static_cast<long long>(shape.Records), shape.DataPieces, shape.ExtensionRecords,
-                shape.Record15 ? 1 : 0, shape.BitmapInBase ? 1 : 0, paths.Full, paths.Enlargements,
-                paths.TailMoves);
+    std::printf(
+        "%s: records %lld, pieces %d, extension records %d, record 15 %d, bitmap in base %d, "
+        "%d stampings, %d enlargements, %d tail moves\n",
+        phase, static_cast<long long>(shape.Records), shape.DataPieces, shape.ExtensionRecords, shape.Record15 ? 1 : 0,
+        shape.BitmapInBase ? 1 : 0, paths.Full, paths.Enlargements, paths.TailMoves);
 }
 
 // A volume of 32 MiB (65535 sectors: 16 records a growth) with clusters of
@@ -526,7 +522,6 @@ TEST(MftEnlargement, DeviceErrorAtEachWriteOfAPieceOpening) {
         (void)testing::internal::GetCapturedStdout();
         ASSERT_EQ(ShapeOf(probe.Volume()).DataPieces, 2);
         writes = probe.Faults().Writes() - first;
-
     }
     ASSERT_GT(writes, 4);
     FailEachWrite(start, writes, held, 0);
