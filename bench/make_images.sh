@@ -9,6 +9,8 @@
 #   file256.img   one contiguous file /big.bin of 256 MiB (host copy file256.bin)
 #   tree20k.img   a tree /tree of 100 directories of 200 files of 1-8 KiB
 #                 (host copy tree20k/)
+#   tree10k.img   a tree /tree of 50 directories of 200 files of 1-8 KiB
+#                 (host copy tree10k/), for bench/mount_compare.sh
 #
 #   sudo bench/make_images.sh [DIR] [NAME...]
 #
@@ -101,20 +103,24 @@ if want file256; then
     dd if="$DIR/file256.bin" of="$MNT/big.bin" bs=4M status=none
     finish file256
 fi
-if want tree20k; then
-    log "tree20k"
-    rm -rf "$DIR/tree20k"
-    perl -e 'my $root = shift; srand(2020); mkdir $root;
-             for my $d (1 .. 100) {
+# small_tree NAME DIRECTORIES: DIR/NAME/ of DIRECTORIES x 200 random files
+# of 1-8 KiB, and the volume NAME.img with it as /tree.
+small_tree() {
+    log "$1"
+    rm -rf "${DIR:?}/$1"
+    perl -e 'my ($root, $dirs) = @ARGV; srand(2020); mkdir $root;
+             for my $d (1 .. $dirs) {
                  my $dir = sprintf("%s/d%03d", $root, $d); mkdir $dir or die "$dir: $!";
                  for my $f (1 .. 200) {
                      my $size = 1024 + int(rand(7 * 1024));
                      open(my $h, ">", sprintf("%s/f%03d.bin", $dir, $f)) or die; binmode $h;
                      print $h pack("C*", map { int(rand(256)) } 1 .. $size); close($h);
                  }
-             }' "$DIR/tree20k"
-    new_volume tree20k 4096 512
-    cp -r "$DIR/tree20k" "$MNT/tree"
-    finish tree20k
-fi
+             }' "$DIR/$1" "$2"
+    new_volume "$1" 4096 512
+    cp -r "$DIR/$1" "$MNT/tree"
+    finish "$1"
+}
+if want tree20k; then small_tree tree20k 100; fi
+if want tree10k; then small_tree tree10k 50; fi
 log "images in $DIR"

@@ -4,8 +4,10 @@
 # present.
 set -euo pipefail
 
-# clang and libclang-rt-dev (libFuzzer's runtime) build the fuzz targets.
-packages=(cmake g++ libgtest-dev libbenchmark-dev zstd ntfs-3g sleuthkit attr clang libclang-rt-dev)
+# clang and libclang-rt-dev (libFuzzer's runtime) build the fuzz targets;
+# libfuse3-dev, pkg-config and fuse3 (fusermount3) the mount command.
+packages=(cmake g++ pkg-config libgtest-dev libbenchmark-dev zstd ntfs-3g sleuthkit attr clang libclang-rt-dev
+          libfuse3-dev fuse3)
 missing=()
 for package in "${packages[@]}"; do
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed'; then

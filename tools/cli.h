@@ -68,5 +68,7 @@ int CommandList(const Options& options);
 int CommandCat(const Options& options);
 int CommandGet(const Options& options);
 int CommandWrite(const Options& options);
+// ntfskit mount ARGS...: its own options (built with libfuse3 only).
+int CommandMount(int argc, char** argv);
 
 }  // namespace ntfs::cli

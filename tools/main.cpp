@@ -24,12 +24,19 @@ const char kUsage[] =
     "  get [-R] IMAGE PATH [DEST]     copy a file or a tree out to the host\n"
     "  write [-a] IMAGE PATH [SOURCE] overwrite (or with -a append to) a file\n"
     "                                 from SOURCE or standard input\n"
+    "  mount [-o ro] IMAGE MOUNTPOINT serve the volume through FUSE (see mount --help)\n"
     "  -v                             show the library's log on standard error\n";
 
 }  // namespace
 
 int main(int argc, char** argv) {
     using namespace ntfs::cli;
+#ifdef NTFSKIT_HAVE_FUSE
+    if (argc > 1 && std::strcmp(argv[1], "mount") == 0) {
+        RedirectLibraryLog(false);
+        return CommandMount(argc - 2, argv + 2);
+    }
+#endif
     Options options;
     std::string command;
     bool append = false;

@@ -1,5 +1,6 @@
 #include "drivers.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -8,6 +9,7 @@
 
 #include "damage.h"
 #include "data/compression.h"
+#include "foundation/byte_pack.h"
 #include "foundation/endian.h"
 #include "overlay_storage.h"
 #include "record/attribute.h"
@@ -316,6 +318,22 @@ void RunDecompress(const uint8_t* data, size_t size) {
     for (size_t room : {4096u, 100u}) {
         DecompressChunk(output.data(), output.data() + room, data, data + size, &produced);
     }
+    PackRoundTrip(data, size);
+}
+
+void PackRoundTrip(const uint8_t* data, size_t size) {
+    // Parked index records are packed without a check: every input must
+    // come back exactly, and unpacking any bytes must stay in bounds.
+    static _BYTE_PACK_WORKSPACE workspace{};
+    static std::vector<uint8_t> packed(1 << 17);
+    static std::vector<uint8_t> back(1 << 17);
+    size = std::min<size_t>(size, 65536);
+    const size_t length = PackBytes(data, size, packed.data(), packed.size(), &workspace);
+    if (length == 0 || UnpackBytes(packed.data(), length, back.data(), size) != static_cast<int64_t>(size) ||
+        std::memcmp(back.data(), data, size) != 0) {
+        std::abort();
+    }
+    UnpackBytes(data, size, back.data(), 4096);
 }
 
 }  // namespace ntfs::fuzz

@@ -29,7 +29,12 @@ void RunWrite(const uint8_t* data, size_t size);
 void RunRunLists(const uint8_t* data, size_t size);
 
 // Expands the input as LZNT1 data: whole buffers into outputs of several
-// sizes and single chunk bodies.
+// sizes and single chunk bodies; then packs it in memory and unpacks it
+// (PackRoundTrip).
 void RunDecompress(const uint8_t* data, size_t size);
+
+// Packs the input with PackBytes and aborts unless it unpacks to the same
+// bytes; also unpacks the raw input as if it were packed.
+void PackRoundTrip(const uint8_t* data, size_t size);
 
 }  // namespace ntfs::fuzz

@@ -51,6 +51,14 @@ public:
     // Reserves address space for compressed data to the next unit boundary;
     // *clusters in and out.
     [[nodiscard]] unsigned int ReserveCompressedClusters(unsigned int* clusters);
+    // Gives the file the name `newName` in its directory in place of
+    // `oldName` (a leaf name; with a Win32 name its DOS partner goes too),
+    // with a short name where the rename test asks for one. Writes the file's
+    // record, after the new names entered the index and before the old ones
+    // leave it. 0 or a code; 1392 when the record lacks `oldName` or the
+    // index holds a new name already. `*changed` is 1 while the record in
+    // memory differs from the disk: the caller then reverts it.
+    [[nodiscard]] unsigned int Rename(const char16_t* oldName, const char16_t* newName, int* changed);
     // Writes sizes and times into the record and every index entry of the file
     // in its directory.
     [[nodiscard]] unsigned int UpdateIndexEntries(int64_t* accessTime, int64_t* writeTime);

@@ -360,13 +360,17 @@ void CFindHandle::FillFindData(const uint64_t* parentReference, CFullFileRecord*
             (*parentReference & kFileReferenceNumberMask)) {
             continue;
         }
+        // Each copy is terminated: a later, shorter name of the same
+        // directory replaces an earlier one whole.
         const uint8_t space = ReadU8(value, kFileNameNamespaceOffset);
         if (space & kNamespaceDos) {
             const int fit = units < 27 ? units : 27;
             for (int i = 0; i < fit; ++i) data->AlternateFileName[i] = ReadU16(value, kFileNameUnitsOffset + 2 * i);
+            data->AlternateFileName[fit] = 0;
         }
         if (space != kNamespaceDos) {
             for (int i = 0; i < units; ++i) data->FileName[i] = ReadU16(value, kFileNameUnitsOffset + 2 * i);
+            data->FileName[units] = 0;
         }
     }
     if (last != nullptr) {

@@ -1,4 +1,4 @@
-// Paths: their validity, and the walk from the root to the directory that
+// Paths and names: their validity, and the walk from the root to the directory that
 // holds a path's last component.
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +17,24 @@ int CNTFSVolume::IsValidPath(const char16_t* path) {
     if (length == 0 || path[0] != u'\\' || path[length - 1] == u'\\') return 0;
     for (int i = 0; i < length; ++i) {
         if (path[i] == u'*' || path[i] == u'?') return 0;
+    }
+    return 1;
+}
+
+int CNTFSVolume::IsValidFileName(const char16_t* name) {
+    for (; *name != 0; ++name) {
+        switch (*name) {
+            case u'\\':
+            case u'/':
+            case u':':
+            case u'"':
+            case u'<':
+            case u'>':
+            case u'|':
+                return 0;
+            default:
+                break;
+        }
     }
     return 1;
 }

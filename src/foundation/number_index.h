@@ -3,10 +3,13 @@
 // enumeration has delivered, the open index records of a directory by VCN).
 //
 // Open addressing with linear probing in a power-of-two table that doubles
-// at half load; a removal shifts the entries behind it back, so no marks of
+// at three-quarters load; a removal shifts the entries behind it back, so no marks of
 // removed entries remain. An index made without values keeps the keys only
-// (a set: Find answers whether the key is there, with value 0). Clear
-// empties the index and keeps its table.
+// (a set: Find answers whether the key is there, with value 0); while its
+// keys are small non-negative numbers, as record numbers are, it keeps them
+// as a bitmap instead, one bit per number, and moves them into the table at
+// the first key that would make the bitmap large. Clear empties the index
+// and keeps its table.
 //
 // Ownership: the index owns its table only. Thread safety: every operation
 // holds the index's critical section for its own length.
@@ -47,7 +50,17 @@ private:
     // The slot holding `key`, or the free slot where it would go.
     uint64_t Probe(int64_t key) const;
 
+    // The bitmap form of a set: whether `key` may go in it, and room for it.
+    bool DenseFits(int64_t key) const;
+    int GrowDense(int64_t key);
+    // Moves every key of the bitmap into the table; 0 when that fails.
+    int LeaveDense();
+    int InsertHashed(int64_t key, intptr_t value, intptr_t* existing);
+
     bool WithValues;
+    bool IsDense;        // a set in its bitmap form
+    uint64_t* Dense;     // bit k: key k is in the set
+    int64_t DenseWords;  // 64-bit words of Dense
     int64_t* Keys;
     intptr_t* Values;   // null without values
     uint64_t* Used;     // one bit per slot

@@ -1,12 +1,36 @@
-// Portable implementation of the platform layer on the C++ standard library.
+// The platform layer on the C++ standard library and, for the critical
+// section's sleep and wake, the Linux futex.
 #include "foundation/platform.h"
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 
 namespace ntfs {
 
+namespace {
+
+// The futex word is the atomic's own int.
+int* FutexWord(std::atomic<int>* state) {
+    static_assert(sizeof(std::atomic<int>) == sizeof(int), "a futex needs a plain int");
+    return reinterpret_cast<int*>(state);
+}
+
+void SleepWhile(std::atomic<int>* state, int value) {
+    syscall(SYS_futex, FutexWord(state), FUTEX_WAIT_PRIVATE, value, nullptr, nullptr, 0);
+}
+
+void WakeOne(std::atomic<int>* state) {
+    syscall(SYS_futex, FutexWord(state), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
+
+}  // namespace
+
 void InitializeCriticalSection(CRITICAL_SECTION* section) {
+    section->State.store(0);
     section->Owner.store(std::thread::id());
     section->RecursionCount = 0;
     section->LockCount.store(0);
@@ -20,9 +44,10 @@ void EnterCriticalSection(CRITICAL_SECTION* section) {
         ++section->RecursionCount;
         return;
     }
-    if (!section->Guard.try_lock()) {
+    int expected = 0;
+    if (!section->State.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed)) {
         section->LockCount.fetch_add(1);
-        section->Guard.lock();
+        while (section->State.exchange(2, std::memory_order_acquire) != 0) SleepWhile(&section->State, 2);
         section->LockCount.fetch_sub(1);
     }
     section->Owner.store(self, std::memory_order_relaxed);
@@ -35,7 +60,10 @@ int TryEnterCriticalSection(CRITICAL_SECTION* section) {
         ++section->RecursionCount;
         return 1;
     }
-    if (!section->Guard.try_lock()) return 0;
+    int expected = 0;
+    if (!section->State.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed)) {
+        return 0;
+    }
     section->Owner.store(self, std::memory_order_relaxed);
     section->RecursionCount = 1;
     return 1;
@@ -48,7 +76,7 @@ void LeaveCriticalSection(CRITICAL_SECTION* section) {
     }
     if (--section->RecursionCount == 0) {
         section->Owner.store(std::thread::id(), std::memory_order_relaxed);
-        section->Guard.unlock();
+        if (section->State.exchange(0, std::memory_order_release) == 2) WakeOne(&section->State);
     }
 }
 

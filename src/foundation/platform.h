@@ -24,10 +24,12 @@ using i64 = int64_t;
 
 // A recursive mutual exclusion that knows how many threads are queued for it,
 // which is what "refuse the lock when others are waiting" needs.
-// The owner's own entries touch only its fields; a first entry takes Guard
-// (one atomic operation when nobody holds it), a last leave gives it back.
+// The owner's own entries touch only its fields; a first entry takes State
+// from 0 to 1 with one atomic operation when nobody holds it, a last leave
+// gives it back. A thread that finds it held marks it 2 and sleeps on it (a
+// futex); a leave that finds 2 wakes one sleeper.
 struct CRITICAL_SECTION {
-    std::mutex Guard;                      // held by the owner from its first entry to its last leave
+    std::atomic<int> State{0};             // 0 free, 1 held, 2 held and perhaps waited for
     std::atomic<std::thread::id> Owner{};  // owning thread, default id when free
     int RecursionCount = 0;                // entries of the owner not yet left; the owner's alone
     std::atomic<int> LockCount{0};         // threads blocked in EnterCriticalSection

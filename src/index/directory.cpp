@@ -315,9 +315,10 @@ unsigned int CDirectory::InsertEntry(CBPlusTreeNode* start, CIndexEntry* entry) 
     NewFileRecords.Clear();
     NewClusterRuns.Clear();
     RecordsAdded = 0;
+    const bool atRoot = node == static_cast<CBPlusTreeNode*>(Root);
     code = InsertAndFlush(node, position, entry);
-    // A failed attempt has been undone as a whole, so the same node and
-    // position serve the retry.
+    // A failed attempt has been undone as a whole, so the same position
+    // serves the retry, and the same node, an index record, stays open.
     for (int retry = 0;
          (code == ERROR_INSUFFICIENT_BUFFER || code == ERROR_HANDLE_DISK_FULL) && retry < kMaxInsertRetries; ++retry) {
         LogMessage("There is no space to store new data in FileRecord, Adjust it.\n");
@@ -325,6 +326,14 @@ unsigned int CDirectory::InsertEntry(CBPlusTreeNode* start, CIndexEntry* entry) 
             const unsigned int adjusted = AdjustFileRecord();
             if (adjusted != ERROR_SUCCESS) return adjusted;
         }
+        // Making room may move the root's bytes in the file record's image
+        // (an attribute list goes in ahead of $INDEX_ROOT), and the undo may
+        // too. The root object over the old place is replaced now, before
+        // the retry: replaced in the middle of it, by the first look at the
+        // root, it would be freed while a split still used it and its items.
+        CIndexRoot* root = GetIndexRoot();
+        if (root == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+        if (atRoot) node = root;
         code = InsertAndFlush(node, position, entry);
     }
     return code;

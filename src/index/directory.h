@@ -79,6 +79,16 @@ public:
     // insertion and flush. A full file record is made room in and the
     // insertion tried again.
     [[nodiscard]] unsigned int InsertEntry(CBPlusTreeNode* start, CIndexEntry* entry);
+    // Takes the entry of the whole name `name` (folded by the caller: units
+    // a to z without bit 5) out of the index and makes the change durable,
+    // or undoes it. The caller has cleared ModifiedRecords, AbateRecords and
+    // NewRecords. 0, ERROR_FILE_NOT_FOUND when the name is not there,
+    // ERROR_NOT_ENOUGH_MEMORY, or a code of the removal and the flush.
+    // Emptied index records go back to the directory's bitmap; a removal
+    // that takes an entry back from interior status adds it again through
+    // InsertEntry, whose flush writes the whole change, and then the result
+    // is that of the nested change. There is no retry.
+    [[nodiscard]] unsigned int RemoveEntry(const char16_t* name);
 
     // Takes one index record from the directory's bitmap, growing the index
     // when the bitmap has no free bit. *vcn is the record's VCN and *count
@@ -134,6 +144,13 @@ public:
     // The directory flush: one change made durable by shadow paging, undone
     // in memory before its commit point, adopted after it.
     [[nodiscard]] unsigned int InsertAndFlush(CBPlusTreeNode* node, int position, CBPlusTreeItem* entry);
+    // The end of a change made in memory: Flush, then CommitChanges when it
+    // passed its commit point, else UndoChange. The flush's result.
+    [[nodiscard]] unsigned int FlushChange();
+    // The undo of a change that did not reach its commit point: the
+    // clusters taken for it go back, ItemCount loses the records it added,
+    // the nodes return to their images; `code` is returned.
+    unsigned int UndoChange(unsigned int code);
     [[nodiscard]] unsigned int Flush(int* undo);
     [[nodiscard]] unsigned int PrepareRecords(CPointerArray* list);
     [[nodiscard]] unsigned int WriteIndexRecord(CIndexRecord* record);

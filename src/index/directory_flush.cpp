@@ -15,6 +15,7 @@
 
 #include "foundation/endian.h"
 #include "foundation/log.h"
+#include "foundation/platform.h"
 #include "index/directory.h"
 #include "index/index_record.h"
 #include "index/index_root.h"
@@ -350,15 +351,21 @@ unsigned int CDirectory::InsertAndFlush(CBPlusTreeNode* node, int position, CBPl
         (void)RollbackChanges();
         return code;
     }
+    return FlushChange();
+}
+
+unsigned int CDirectory::FlushChange() {
     int undo = 1;
-    code = Flush(&undo);
-    if (!undo) {
-        (void)CommitChanges();
-        RecordsAdded = 0;
-        NewClusterRuns.Clear();
-        NewFileRecords.Clear();
-        return code;
-    }
+    const unsigned int code = Flush(&undo);
+    if (undo) return UndoChange(code);
+    (void)CommitChanges();
+    RecordsAdded = 0;
+    NewClusterRuns.Clear();
+    NewFileRecords.Clear();
+    return code;
+}
+
+unsigned int CDirectory::UndoChange(unsigned int code) {
     for (int i = 0; i + 1 < NewClusterRuns.GetCount(); i += 2) {
         int64_t start = NewClusterRuns.Get(i);
         (void)Volume->FreeClusters(&start, static_cast<int>(NewClusterRuns.Get(i + 1)));
@@ -369,6 +376,33 @@ unsigned int CDirectory::InsertAndFlush(CBPlusTreeNode* node, int position, CBPl
     NewClusterRuns.Clear();
     NewFileRecords.Clear();
     return code;
+}
+
+unsigned int CDirectory::RemoveEntry(const char16_t* name) {
+    if (!ResetCursor()) return ERROR_NOT_ENOUGH_MEMORY;
+    const _INDEX_SEARCH_KEY key{1, name, nullptr, 0, lstrlenW(name) + 1};
+    // Deviation for safety: without a root there is nothing to search from;
+    // the answer is that of a root that could not be made (8), and nothing
+    // changes.
+    CIndexRoot* root = GetIndexRoot();
+    if (root == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+    Cursor->Node = root;
+    CBPlusTreeItem* item = nullptr;
+    unsigned int code = FindNextItem(&item, &key);
+    if (code != ERROR_SUCCESS) return code;
+
+    // Deviation for safety: the undo below gives back the clusters a growth
+    // of the index took for this change (shadow locations may need one), so
+    // the lists hold this change's alone.
+    NewFileRecords.Clear();
+    NewClusterRuns.Clear();
+    RecordsAdded = 0;
+    const int64_t shortfalls = MemoryShortfallCount();
+    code = Remove(item);
+    // Deviation for safety, as in InsertAndFlush: a change steered by a node
+    // parsed without all its items is given up before it is written.
+    if (code == ERROR_SUCCESS && MemoryShortfallCount() != shortfalls) code = ERROR_NOT_ENOUGH_MEMORY;
+    return code == ERROR_SUCCESS ? FlushChange() : UndoChange(code);
 }
 
 unsigned int CDirectory::FlushNode(CBPlusTreeNode* node) {

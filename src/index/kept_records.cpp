@@ -6,14 +6,14 @@
 // either stored too or, in the usual case where it is zero but for the
 // update sequence words at the stretch ends, only noted as such. Once the
 // kept images of a directory pass kKeptPlainBudget, further ones are stored
-// as one LZNT1 chunk when that is smaller and expands to the same bytes. A
+// packed (foundation/byte_pack.h) when that is clearly smaller. A
 // record brought back is made from those bytes exactly as from a read, so
 // the tree and every later device call are the same as with the record kept
 // open.
 #include <cstdlib>
 #include <cstring>
 
-#include "data/compression.h"
+#include "foundation/byte_pack.h"
 #include "foundation/endian.h"
 #include "foundation/log.h"
 #include "index/directory.h"
@@ -30,31 +30,30 @@ struct _KEPT_RECORD {
     int32_t Stored;      // bytes that follow
     int16_t TailZero;    // 1: they are the record's start, behind them zeros but
                          // the sequence number at each stretch end
-    int16_t Compressed;  // 1: they are an LZNT1 stream of the whole record
+    int16_t Packed;      // 1: they are the packed form of the bytes above
+    int32_t Plain;       // bytes they stand for: the record, or its start
 };
 
-// `raw` as one compressed chunk in a new kept image, or null when that is
-// not smaller or does not expand to `raw` exactly.
-_KEPT_RECORD* Compress(const uint8_t* raw, int size, void* workspace, uint8_t* scratch) {
-    uint32_t length = 0;
-    if (size != static_cast<int>(kLznt1ChunkBytes) ||
-        CompressBuffer(0, raw, static_cast<uint32_t>(size), scratch, size, kLznt1ChunkBytes, &length, workspace) !=
-            ERROR_SUCCESS ||
-        length + 64 >= static_cast<uint32_t>(size)) {
-        return nullptr;
-    }
+// What the scratch space of KeepPassedRecord holds.
+struct _KEPT_WORKSPACE {
+    _BYTE_PACK_WORKSPACE Pack;
+    uint8_t Scratch[1];  // the record size, and room to spare
+};
+
+// The first `plain` bytes of `raw` packed into a new kept image, or null
+// when that is not clearly smaller. The packing is not checked here: its
+// round trip is tested and fuzzed on every input (foundation/byte_pack.h).
+_KEPT_RECORD* Pack(const uint8_t* raw, int plain, bool tailZero, _KEPT_WORKSPACE* workspace) {
+    const size_t limit = static_cast<size_t>(plain) * 7 / 8;
+    const size_t length = PackBytes(raw, static_cast<size_t>(plain), workspace->Scratch, limit, &workspace->Pack);
+    if (length == 0) return nullptr;
     auto* kept = static_cast<_KEPT_RECORD*>(std::malloc(sizeof(_KEPT_RECORD) + length));
     if (kept == nullptr) return nullptr;
     kept->Stored = static_cast<int32_t>(length);
-    kept->TailZero = 0;
-    kept->Compressed = 1;
-    std::memcpy(kept + 1, scratch, length);
-    int32_t expanded = 0;
-    DecompressBuffer(scratch, static_cast<uint32_t>(size), kept + 1, static_cast<int32_t>(length), &expanded);
-    if (expanded != size || std::memcmp(scratch, raw, static_cast<size_t>(size)) != 0) {
-        std::free(kept);
-        return nullptr;
-    }
+    kept->TailZero = tailZero ? 1 : 0;
+    kept->Packed = 1;
+    kept->Plain = plain;
+    std::memcpy(kept + 1, workspace->Scratch, length);
     return kept;
 }
 
@@ -128,20 +127,17 @@ void CDirectory::KeepPassedRecord(CIndexRecord* record, ChainSearchRoutine curso
     const int stored = tailZero ? static_cast<int>(used) : size;
     _KEPT_RECORD* kept = nullptr;
     if (KeptBytes + stored > KeptPlainBudget) {
-        if (KeptWorkspace == nullptr) {
-            KeptWorkspace = std::malloc(sizeof(_LZNT1_HASHED_WORKSPACE) + kLznt1PlainChunkBytes + 64);
-        }
-        if (KeptWorkspace != nullptr) {
-            kept = Compress(raw, size, KeptWorkspace,
-                            static_cast<uint8_t*>(KeptWorkspace) + sizeof(_LZNT1_HASHED_WORKSPACE));
-        }
+        // Zeroed: the packer's table starts empty.
+        if (KeptWorkspace == nullptr) KeptWorkspace = std::calloc(1, sizeof(_KEPT_WORKSPACE) + size);
+        if (KeptWorkspace != nullptr) kept = Pack(raw, stored, tailZero, static_cast<_KEPT_WORKSPACE*>(KeptWorkspace));
     }
     if (kept == nullptr) {
         kept = static_cast<_KEPT_RECORD*>(std::malloc(sizeof(_KEPT_RECORD) + static_cast<size_t>(stored)));
         if (kept != nullptr) {
             kept->Stored = stored;
             kept->TailZero = tailZero ? 1 : 0;
-            kept->Compressed = 0;
+            kept->Packed = 0;
+            kept->Plain = stored;
             std::memcpy(kept + 1, raw, static_cast<size_t>(stored));
         }
     }
@@ -165,17 +161,18 @@ bool CDirectory::TakeKeptImage(int64_t vcn, uint8_t* buffer) {
     auto* kept = reinterpret_cast<_KEPT_RECORD*>(value);
     const int size = RecordSize;
     KeptBytes -= kept->Stored;
-    if (kept->Compressed) {
-        int32_t expanded = 0;
-        DecompressBuffer(buffer, static_cast<uint32_t>(size), kept + 1, kept->Stored, &expanded);
+    if (kept->Packed) {
+        // Made by Pack in this process: it unpacks whole.
+        UnpackBytes(reinterpret_cast<const uint8_t*>(kept + 1), static_cast<size_t>(kept->Stored), buffer,
+                    static_cast<size_t>(kept->Plain));
     } else {
         std::memcpy(buffer, kept + 1, static_cast<size_t>(kept->Stored));
     }
     if (kept->TailZero) {
-        std::memset(buffer + kept->Stored, 0, static_cast<size_t>(size - kept->Stored));
+        std::memset(buffer + kept->Plain, 0, static_cast<size_t>(size - kept->Plain));
         const uint16_t number = ReadU16(buffer, ReadU16(buffer, kIndexUpdateSequenceOffsetOffset));
         for (int end = kUpdateSequenceStride - 2; end < size; end += kUpdateSequenceStride) {
-            if (end >= kept->Stored) WriteU16(buffer, static_cast<size_t>(end), number);
+            if (end >= kept->Plain) WriteU16(buffer, static_cast<size_t>(end), number);
         }
     }
     std::free(kept);

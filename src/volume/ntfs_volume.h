@@ -39,6 +39,9 @@
 //   CreateDirectoryA                    file/create.cpp
 //   DeleteFile, RemoveDirectoryA        file/delete.cpp
 //   RenameFile                          file/rename.cpp
+//   IsValidFileName                     file/paths.cpp
+//   short names                         file/short_file_name_list.cpp
+//   a file's names in record and index  file/file_names.cpp
 #pragma once
 
 #include <cstdint>
@@ -58,6 +61,7 @@ class CClusterBitmap;
 class CBitmapData;
 class CAttribute;
 class CFindHandle;
+class CIndexEntry;
 struct _FILE_RECORD_HEADER;  // a raw FILE record image, read through endian.h
 
 // Boot sector fields, byte offsets into the 512-byte image.
@@ -172,6 +176,15 @@ public:
     // Nonzero on success; LastError holds the code.
     int UpdateFileRecord(CFullFileRecord* record, int64_t* accessTime, int64_t* writeTime, int64_t* changeTime);
 
+    // 1 when `name` holds none of \ / : " < > |, else 0.
+    int IsValidFileName(const char16_t* name);
+    // A short name for `name` that `directory` does not hold yet, made from
+    // the directory's list of short names (made at the first call), into
+    // `shortName` (13 units). 0 or a code (CShortFileNameList::GenerateName).
+    // REQUIRES: the caller holds the exclusive lock of a find object on
+    // `directory`.
+    [[nodiscard]] unsigned int GenerateShortName(CDirectory* directory, const char16_t* name, char16_t* shortName);
+
     // The platform's time conversions, unadjusted (NTFS time is UTC).
     void SystemTimeToFileTime(const _SYSTEMTIME* time, _LARGE_INTEGER* result);
     void FileTimeToSystemTime(_LARGE_INTEGER* time, _SYSTEMTIME* result);
@@ -252,7 +265,31 @@ protected:
     // Deletes the file of a handle opened for delete-on-close.
     unsigned int DeleteFile(CFileHandle* file);
 
+    // A file's names. The short name `name` takes under a rename: a
+    // generated one when the rename test asks for it, else a copy of `name`.
+    [[nodiscard]] unsigned int GenerateAlternateFileNameDesc(CDirectory* directory, const char16_t* name,
+                                                             char16_t* shortName);
+    // Both forms of one name from the template `entry` (an index entry whose
+    // key holds parent, times, sizes, flags and namespace, 84 bytes or more):
+    // an owning index entry and a resident $FILE_NAME attribute in memory of
+    // its own, both the caller's. 1, or 0 when out of memory.
+    int GenerateNewFileName(const uint8_t* entry, const char16_t* name, CAttribute** attribute, CIndexEntry** item);
+    // Adds `name` to `record` (its $FILE_NAME, placed as room allows) and to
+    // the index of `directory`, which is flushed. 0 or a code; 1392 when the
+    // index holds the name already. REQUIRES: the exclusive lock of a find
+    // object on `directory`.
+    [[nodiscard]] unsigned int AddFileNameDescription(CDirectory* directory, CFullFileRecord* record,
+                                                      const uint8_t* entry, const char16_t* name);
+    // Takes `name` (as the index holds it, folded) out of the index of
+    // `directory`, then the $FILE_NAME of that exact name under that
+    // directory out of `record`, and writes the record. 0 or a code; a name
+    // the index lacks ends the call with its code and changes nothing.
+    [[nodiscard]] unsigned int RemoveFileNameDescription(CDirectory* directory, CFullFileRecord* record,
+                                                         const char16_t* name);
+
     // Search routines over the volume's chains (parameter: see each body).
+    // `parameter` is a CDirectory*: the list of short names of that directory.
+    static int ShortFileNameListSearchRoutine(CChainElement* element, void* parameter);
     static int FileHandleFromFileNameSearchRoutine(CChainElement* element, void* parameter);
     static int FileRecordSearchRoutine(CChainElement* element, void* parameter);
     static int DirectorySearchRoutine(CChainElement* element, void* parameter);

@@ -117,6 +117,25 @@ TEST(Enumeration, EveryDirectoryListsTheManifestNames) {
     }
 }
 
+// A file with two names in one directory lists under one of them, whole: the
+// copy of a later, shorter name does not keep the tail of an earlier one.
+TEST(Enumeration, EachNameOfAFileWithTwoInOneDirectoryIsCopiedWhole) {
+    for (const std::string& name : test::FixtureNames()) {
+        if (name == "big") continue;
+        SCOPED_TRACE(name);
+        MountedVolume mounted(name);
+        ASSERT_EQ(mounted.Mount(), 1);
+        unsigned int lastError = 0;
+        int linked = 0;
+        for (const Listed& item : List(mounted.Volume(), u"\\links\\*", &lastError)) {
+            if (item.record != 98) continue;
+            ++linked;
+            EXPECT_TRUE(item.name == u"original.txt" || item.name == u"same-dir-link.txt") << test::Narrow(item.name);
+        }
+        EXPECT_EQ(linked, 2);
+    }
+}
+
 TEST(Enumeration, Patterns) {
     MountedVolume mounted("c4k");
     ASSERT_EQ(mounted.Mount(), 1);

@@ -103,17 +103,28 @@ TEST(PlainForm, PointerArrayAnswersAsABlockGrownByOne) {
     }
 }
 
+// A map with values; a set that leaves its bitmap form early (far and
+// negative keys from the start); a set that stays a bitmap for most of the
+// run, through growth of its range, and leaves it late.
 TEST(PlainForm, NumberIndexAnswersAsAMap) {
-    for (const bool withValues : {true, false}) {
-        SCOPED_TRACE(withValues);
-        std::mt19937_64 random(withValues ? 7 : 8);
+    enum Kind { kMap, kSetFarKeys, kSetLateFarKey };
+    for (const Kind kind : {kMap, kSetFarKeys, kSetLateFarKey}) {
+        SCOPED_TRACE(kind);
+        const bool withValues = kind == kMap;
+        std::mt19937_64 random(7 + kind);
         CNumberIndex index(withValues);
         std::map<int64_t, intptr_t> plain;
         for (int step = 0; step < 200000; ++step) {
-            const int op = static_cast<int>(random() % 100);
+            const bool farInsert = kind == kSetLateFarKey && step == 190000;
+            const int op = farInsert ? 0 : static_cast<int>(random() % 100);
             // Keys from a small range collide; now and then far and negative ones.
             int64_t key = static_cast<int64_t>(random() % 3000);
-            if (random() % 16 == 0) key = static_cast<int64_t>(random());
+            if (kind == kSetLateFarKey) {
+                key = static_cast<int64_t>(random() % (step < 100000 ? 3000 + step * 20 : 3000));
+                if (step == 190000) key = int64_t{1} << 40;
+            } else if (random() % 16 == 0) {
+                key = static_cast<int64_t>(random());
+            }
             const auto value = static_cast<intptr_t>(random() % 1000);
             if (op < 50) {
                 intptr_t existing = -1;

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <thread>
+#include <vector>
 
 namespace ntfs {
 namespace {
@@ -124,6 +125,37 @@ TEST(PlatformLock, CountsWaiters) {
     LeaveCriticalSection(&section);
     waiter.join();
     EXPECT_EQ(CriticalSectionWaiters(&section), 0);
+    DeleteCriticalSection(&section);
+}
+
+// Four threads take the section in turn, nested, many times: no increment
+// is lost (exclusion holds) and nobody sleeps forever (every leave that
+// finds a sleeper wakes one).
+TEST(PlatformLock, ContendedEntriesExcludeAndAllFinish) {
+    CRITICAL_SECTION section;
+    InitializeCriticalSection(&section);
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 20000;
+    long counter = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < kRounds; ++i) {
+                EnterCriticalSection(&section);
+                EnterCriticalSection(&section);
+                const long seen = counter;
+                if (i % 64 == 0) std::this_thread::yield();
+                counter = seen + 1;
+                LeaveCriticalSection(&section);
+                LeaveCriticalSection(&section);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
+    EXPECT_EQ(CriticalSectionWaiters(&section), 0);
+    EXPECT_EQ(TryEnterCriticalSection(&section), 1);
+    LeaveCriticalSection(&section);
     DeleteCriticalSection(&section);
 }
 

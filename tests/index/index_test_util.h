@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -200,26 +201,86 @@ inline std::map<std::u16string, DirectoryNames> NamesByDirectory(const std::vect
     return directories;
 }
 
-// The empty directory \EmptyDir of a fresh copy of `fixture`, locked for
-// changes.
+// The empty directory \EmptyDir (record 66) of a fresh copy of `fixture`, or
+// of a volume image, locked for changes, and changed the way the file layer
+// changes it: the work lists empty before each change.
 class ScratchDirectory {
 public:
-    explicit ScratchDirectory(const std::string& fixture) : mounted(fixture) {
-        ready = mounted.Mount() == 1 &&
-                mounted.Volume()->ReferenceDirectory(66, u"\\EmptyDir", &directory) == ERROR_SUCCESS;
-        if (ready) directory->LockExclusive();
+    static constexpr int64_t kRecord = 66;
+    static constexpr int64_t kTarget = 65;  // \Empty.dat, where new names point
+
+    explicit ScratchDirectory(const std::string& fixture) : mounted(fixture) { Open(); }
+    explicit ScratchDirectory(std::vector<uint8_t> image) : mounted(std::move(image)) { Open(); }
+    ~ScratchDirectory() { Close(); }
+
+    void ClearWorkLists() {
+        directory->ModifiedRecords.Clear();
+        directory->AbateRecords.Clear();
+        directory->NewRecords.Clear();
     }
-    ~ScratchDirectory() {
-        if (directory != nullptr) {
-            directory->UnlockExclusive();
-            directory->Release();
-        }
-        mounted.Volume()->Umount();
+    // Adds `name` for \Empty.dat as the file layer makes the entry: the
+    // file's sequence number, this directory as the parent in the key.
+    unsigned int InsertName(const std::u16string& name) {
+        ClearWorkLists();
+        std::unique_ptr<CIndexEntry> entry(MakeEntry(name, kTarget));
+        WriteU16(entry->GetEntry(), kEntrySequenceOffset, targetSequence);
+        WriteU64(entry->GetEntry(), kEntryParentOffset, parentReference);
+        return directory->InsertEntry(directory->GetIndexRoot(), entry.get());
+    }
+    unsigned int RemoveName(const std::u16string& name) {
+        ClearWorkLists();
+        const std::u16string folded = Folded(name);
+        return directory->RemoveEntry(folded.c_str());
+    }
+    bool Large() {
+        return directory->GetFileRecord()->FindAttribute(AttributeIndexAllocation, kIndexName, kIndexNameLength, 0) !=
+               nullptr;
+    }
+    // Unmounts and gives the image as the device holds it.
+    std::vector<uint8_t> Unmount() {
+        Close();
+        return mounted.Memory().Bytes();
+    }
+    // Unmounts and saves the image for the independent readers.
+    std::string UnmountToFile() {
+        ReleaseDirectory();
+        ready = false;
+        return mounted.UnmountToFile();
     }
 
     MountedVolume mounted;
     CDirectory* directory = nullptr;
     bool ready = false;
+
+private:
+    void Open() {
+        ready = mounted.Mount() == 1 &&
+                mounted.Volume()->ReferenceDirectory(kRecord, u"\\EmptyDir", &directory) == ERROR_SUCCESS;
+        if (!ready) return;
+        directory->LockExclusive();
+        parentReference = static_cast<uint64_t>(kRecord) |
+                          uint64_t{ReadU16(directory->GetFileRecord()->Image, kFileSequenceNumberOffset)} << 48;
+        CFullFileRecord* target = nullptr;
+        if (mounted.Volume()->ReferenceFileRecord(kTarget, &target) == ERROR_SUCCESS) {
+            targetSequence = ReadU16(target->Image, kFileSequenceNumberOffset);
+            target->Release();
+        }
+    }
+    void ReleaseDirectory() {
+        if (directory != nullptr) {
+            directory->UnlockExclusive();
+            directory->Release();
+            directory = nullptr;
+        }
+    }
+    void Close() {
+        ReleaseDirectory();
+        if (ready) mounted.Volume()->Umount();
+        ready = false;
+    }
+
+    uint64_t parentReference = 0;
+    uint16_t targetSequence = 1;
 };
 
 // Byte offset in the image of the index record at `vcn` of `directory`, by

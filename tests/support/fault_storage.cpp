@@ -12,6 +12,7 @@ void FaultStorage::Heal() {
     Torn = {};
     PowerCut = {};
     ShortReadLimit = -1;
+    WriteProtect = 0;
 }
 
 void FaultStorage::ClearLogs() {
@@ -38,6 +39,7 @@ unsigned int FaultStorage::WriteSectors(void* buffer, int64_t* sector, int count
     *done = 0;
     ++WriteCalls;
     if (PowerIsOff()) return PowerCut.code;
+    if (WriteProtect != 0) return WriteProtect;
     if (WriteCalls == FailWrite.nth) return FailWrite.code;
     int landing = count;
     unsigned int tornCode = 0;

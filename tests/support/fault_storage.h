@@ -7,7 +7,8 @@
 //   - every read that touches a given sector fails with a given code;
 //   - short reads: a read delivers at most N sectors and reports success;
 //   - a torn write: the n-th write lands only its first k sectors, then fails;
-//   - a power cut after N writes: every later read or write fails.
+//   - a power cut after N writes: every later read or write fails;
+//   - a write-protected device: every write fails, reads go on.
 // It counts calls and sectors, and logs every read (sector, count) and every
 // write (sector and the bytes that landed), so a test can replay a prefix of
 // the writes onto a fresh image to simulate a crash at any point.
@@ -45,6 +46,8 @@ public:
     void TearNthWrite(int nth, int sectorsLanded, unsigned int code) { Torn = {nth, sectorsLanded, code}; }
     // After `writes` writes have landed, every later call fails with `code`.
     void CutPowerAfterWrites(int writes, unsigned int code) { PowerCut = {writes, code}; }
+    // Every later write fails with `code` (a read-only image); reads go on.
+    void RefuseWrites(unsigned int code) { WriteProtect = code; }
     // Clears every fault; counters and logs stay.
     void Heal();
 
@@ -93,6 +96,7 @@ private:
     TornFault Torn;
     PowerFault PowerCut;
     int ShortReadLimit = -1;
+    unsigned int WriteProtect = 0;
     int ReadCalls = 0;
     int WriteCalls = 0;
     int LandedWrites = 0;
