@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "cli.h"
@@ -154,17 +155,21 @@ bool Resolve(CNTFSVolume* volume, const std::string& typed, std::u16string* path
 // file with several names in the directory is delivered by the volume under
 // one name made from them all; its entries get the file's real names here,
 // read from its record.
-unsigned int ListDirectory(CNTFSVolume* volume, CStorage* storage, const std::u16string& directory, int64_t record,
-                           std::vector<Entry>* entries) {
-    entries->clear();
+// Hands every entry of `directory` to `visit` in the order of the index, as
+// the volume delivers them. 0, ERROR_FILE_NOT_FOUND when the directory has
+// no entry and its path cannot be resolved, or the enumeration's code.
+template <typename Visit>
+unsigned int VisitEntries(CNTFSVolume* volume, const std::u16string& directory, Visit visit) {
     _FIND_FILE_DATA data{};
     void* find = volume->FindFirstFileA(Join(directory, u"*").c_str(), &data);
     unsigned int code = ERROR_SUCCESS;
+    bool any = false;
     if (find == nullptr) {
         code = volume->GetLastError();
     } else {
         do {
-            entries->push_back(FromFindData(data));
+            any = true;
+            visit(FromFindData(data));
         } while (volume->FindNextFileA(find, &data));
         code = volume->GetLastError();
         volume->CloseFindHandle(find);
@@ -173,9 +178,16 @@ unsigned int ListDirectory(CNTFSVolume* volume, CStorage* storage, const std::u1
     // No entry at all: an empty directory, or one whose path the look-up
     // cannot resolve.
     Entry self;
-    if (entries->empty() && directory != u"\\" && Stat(volume, directory, &self) != ERROR_SUCCESS) {
-        return ERROR_FILE_NOT_FOUND;
-    }
+    if (!any && directory != u"\\" && Stat(volume, directory, &self) != ERROR_SUCCESS) return ERROR_FILE_NOT_FOUND;
+    return ERROR_SUCCESS;
+}
+
+unsigned int ListDirectory(CNTFSVolume* volume, CStorage* storage, const std::u16string& directory, int64_t record,
+                           std::vector<Entry>* entries) {
+    entries->clear();
+    const unsigned int code =
+        VisitEntries(volume, directory, [entries](Entry&& entry) { entries->push_back(std::move(entry)); });
+    if (code != ERROR_SUCCESS) return code;
     std::map<int64_t, std::vector<size_t>> byRecord;
     for (size_t i = 0; i < entries->size(); ++i) byRecord[(*entries)[i].record].push_back(i);
     for (const auto& [number, positions] : byRecord) {
@@ -276,11 +288,123 @@ private:
     std::vector<int64_t> records_;
 };
 
+// Decimal `value` right-aligned in `width` characters (%*llu).
+void AppendDecimal(std::string* line, uint64_t value, int width) {
+    char digits[24];
+    int length = 0;
+    do {
+        digits[length++] = static_cast<char>('0' + value % 10);
+        value /= 10;
+    } while (value != 0);
+    if (width > length) line->append(static_cast<size_t>(width - length), ' ');
+    while (length > 0) line->push_back(digits[--length]);
+}
+
+// %*lld.
+void AppendSigned(std::string* line, int64_t value, int width) {
+    if (value >= 0) {
+        AppendDecimal(line, static_cast<uint64_t>(value), width);
+        return;
+    }
+    std::string magnitude;
+    AppendDecimal(&magnitude, 0 - static_cast<uint64_t>(value), 0);
+    if (width > static_cast<int>(magnitude.size()) + 1) {
+        line->append(static_cast<size_t>(width) - magnitude.size() - 1, ' ');
+    }
+    line->push_back('-');
+    *line += magnitude;
+}
+
+// FormatTime of the listing's times: the entries of a directory often share
+// their second, and then the text is the one made before.
+class ListingTime {
+public:
+    const std::string& Format(int64_t ntfsTime) {
+        const int64_t second = UnixTime(ntfsTime).tv_sec;
+        if (!valid_ || second != second_) {
+            text_ = FormatTime(ntfsTime, false);
+            second_ = second;
+            valid_ = true;
+        }
+        return text_;
+    }
+
+private:
+    bool valid_ = false;
+    int64_t second_ = 0;
+    std::string text_;
+};
+
 // Whether a name read from the volume can be a name on the host: not empty,
 // not "." or "..", no '/'. Others would place a copy outside its target.
 bool HostSafeName(const std::u16string& name) {
     return !name.empty() && name != u"." && name != u".." && name.find(u'/') == std::u16string::npos;
 }
+
+// The names of the files a directory delivers more than once. The volume
+// delivers a file with several names in one directory once per name, each
+// time under the same one of them. The first delivery is shown under that
+// name (the listing streams, and nothing yet tells that more will come); the
+// later ones get the file's other names, read from its record, in the
+// directory's order. Which records were delivered is kept as one bit per
+// record number (a hash set for numbers beyond what a bitmap should cover),
+// so a directory of any size costs little.
+class RepeatedNames {
+public:
+    RepeatedNames(CNTFSVolume* volume, CStorage* storage, int64_t directory)
+        : volume_(volume), storage_(storage), directory_(directory) {}
+
+    // The name to show for `entry`.
+    const std::u16string& NameOf(const Entry& entry) {
+        if (!FirstTime(entry.record)) {
+            std::vector<std::u16string>& others = others_[entry.record];
+            if (others.empty()) others = OtherNames(entry);
+            if (!others.empty()) {
+                name_ = others.front();
+                others.erase(others.begin());
+                return name_;
+            }
+        }
+        return entry.name;
+    }
+
+private:
+    static constexpr int64_t kBitmapRecords = int64_t{1} << 26;
+
+    bool FirstTime(int64_t record) {
+        if (record >= 0 && record < kBitmapRecords) {
+            const auto at = static_cast<size_t>(record);
+            if (at >= seen_.size()) seen_.resize(std::max(at + 1, seen_.size() * 2));
+            const bool first = !seen_[at];
+            seen_[at] = true;
+            return first;
+        }
+        return far_.insert(record).second;
+    }
+
+    // The file's names in this directory but the one the volume delivers, in
+    // the directory's order.
+    std::vector<std::u16string> OtherNames(const Entry& entry) {
+        std::vector<std::u16string> names;
+        FileLayout layout;
+        if (LoadFileLayout(volume_, storage_, entry.record, &layout) != ERROR_SUCCESS) return names;
+        for (const LayoutName& name : layout.Names) {
+            if (name.Parent == directory_ && name.Namespace != 2) names.push_back(name.Name);
+        }
+        std::sort(names.begin(), names.end(), FoldedLess);
+        const auto delivered = std::find(names.begin(), names.end(), entry.name);
+        if (delivered != names.end()) names.erase(delivered);
+        return names;
+    }
+
+    CNTFSVolume* volume_;
+    CStorage* storage_;
+    int64_t directory_;
+    std::vector<bool> seen_;
+    std::unordered_set<int64_t> far_;
+    std::map<int64_t, std::vector<std::u16string>> others_;
+    std::u16string name_;
+};
 
 class Lister {
 public:
@@ -296,12 +420,18 @@ public:
                     "\", \"size\": " + std::to_string(entry.size) + ", \"record\": " + std::to_string(entry.record) +
                     ", \"modified\": \"" + FormatTime(entry.writeTime, false, 'T') + "Z\"}";
         } else if (options_.longFormat) {
-            char head[64];
-            std::snprintf(head, sizeof head, "%c %12llu ", entry.directory ? 'd' : '-',
-                          static_cast<unsigned long long>(entry.size));
-            char tail[32];
-            std::snprintf(tail, sizeof tail, " %8lld  ", static_cast<long long>(entry.record));
-            line = head + FormatTime(entry.writeTime, false) + tail + Utf8(entry.name) + "\n";
+            // Put together by hand: a listing prints many lines, and one
+            // snprintf per field would cost more than finding the entry.
+            line.push_back(entry.directory ? 'd' : '-');
+            line.push_back(' ');
+            AppendDecimal(&line, entry.size, 12);
+            line.push_back(' ');
+            line += time_.Format(entry.writeTime);
+            line.push_back(' ');
+            AppendSigned(&line, entry.record, 8);
+            line += "  ";
+            line += Utf8(entry.name);
+            line.push_back('\n');
         } else {
             line = Utf8(entry.name) + (entry.directory ? "/" : "") + "\n";
         }
@@ -342,17 +472,27 @@ public:
     }
 
 private:
+    // Entries are printed as the volume delivers them, so a listing of any
+    // size holds one entry at a time; only subdirectories are kept, for -R.
     int Walk(const std::u16string& directory, int64_t record, bool header) {
-        std::vector<Entry> entries;
-        const unsigned int code = ListDirectory(image_->Volume(), image_->Storage(), directory, record, &entries);
+        std::vector<Entry> subdirectories;
+        RepeatedNames repeated(image_->Volume(), image_->Storage(), record);
+        bool headed = false;
+        const auto head = [&] {
+            if (header && !headed && !options_.json) std::fprintf(Out(), "%s:\n", Utf8(directory).c_str());
+            if (!headed && options_.all && record == kRootRecord) PrintSystemFiles();
+            headed = true;
+        };
+        const unsigned int code = VisitEntries(image_->Volume(), directory, [&](Entry&& entry) {
+            head();
+            entry.name = repeated.NameOf(entry);
+            Print(Join(directory, entry.name), entry);
+            if (options_.recursive && entry.directory) subdirectories.push_back(std::move(entry));
+        });
         if (code != ERROR_SUCCESS) return FailLookup(image_->Volume(), directory, code);
-        if (header && !options_.json) std::fprintf(Out(), "%s:\n", Utf8(directory).c_str());
-        if (options_.all && record == kRootRecord) PrintSystemFiles();
+        head();
         int status = 0;
-        for (const Entry& entry : entries) Print(Join(directory, entry.name), entry);
-        if (!options_.recursive) return status;
-        for (const Entry& entry : entries) {
-            if (!entry.directory) continue;
+        for (const Entry& entry : subdirectories) {
             if (!options_.json) std::fputc('\n', Out());
             status |= Tree(Join(directory, entry.name), entry.record, true);
         }
@@ -361,6 +501,7 @@ private:
 
     MountedImage* image_;
     const ListOptions& options_;
+    ListingTime time_;
     Ancestry ancestry_;
     bool first_ = true;
 };

@@ -129,10 +129,12 @@ public:
     // Takes one free record and stamps it as a blank record in use: its bit
     // is set, its image on disk is a fresh FILE record with the in-use flag.
     // With two free records or fewer left, first stamps up to ten new
-    // records out of the room $MFT's $DATA already owns. REQUIRES: the
-    // exclusive lock of Mft. 0 with `*index`, or ERROR_HANDLE_DISK_FULL (no
-    // free record and no room to make one), ERROR_NOT_ENOUGH_MEMORY, or a
-    // code of the reads and writes (the bit is then given back).
+    // records out of the room $MFT's $DATA already owns, enlarging $MFT
+    // (EnlargeMft) when that room is used up; while Growing is set it only
+    // takes a free bit. REQUIRES: the exclusive lock of Mft. 0 with `*index`,
+    // or ERROR_HANDLE_DISK_FULL (no free record and $MFT cannot grow),
+    // ERROR_NOT_ENOUGH_MEMORY, or a code of the reads, writes and growth
+    // (a bit taken is then given back).
     [[nodiscard]] unsigned int TakeRecord(int64_t* index, int ignoreExclusions);
     // Stamps `count` records from `first` as free on disk: the signature and
     // a zero flags word, every other byte as it was read.
@@ -141,6 +143,32 @@ public:
     // bit cleared in the cached unit, which is written by the next load or at
     // unmount. FreeRecords is left alone. REQUIRES: the exclusive lock of Mft.
     [[nodiscard]] unsigned int ReleaseRecord(int64_t* index);
+
+    // Gives $DATA of $MFT clusters for more records: enough for a step that
+    // grows with the volume (16 records per 32768 sectors, in multiples of
+    // 16), taken in falling request sizes and appended run by run; a run that
+    // no longer fits the record of the last piece opens a new piece in a new
+    // extension record. `records` is the allocated size of $DATA in records;
+    // the bitmap is grown first to cover them and the step. Changes the
+    // attribute in memory only: the caller writes $MFT's record. `*grown` is
+    // nonzero when the bitmap or the records grew beyond what the caller
+    // counts. 0, ERROR_HANDLE_DISK_FULL (volume too small, no cluster), or a
+    // code of the steps (clusters not yet appended are given back).
+    // REQUIRES: the exclusive lock of Mft.
+    [[nodiscard]] unsigned int EnlargeMft(int64_t records, int ignoreExclusions, int* grown);
+    // Opens a new, empty piece of $DATA in a new extension record of $MFT:
+    // record 15 when it is still a blank system record, else a free record,
+    // else one of four records won by moving the last runs of $MFT to a
+    // longer place. Writes the records; undoes what it did on failure.
+    // `*grown` receives the records won by the move (0 otherwise).
+    [[nodiscard]] unsigned int RelocateMftAttribute(int* grown);
+    // Moves $BITMAP of $MFT (whole, or its last run) into a new extension
+    // record, when its own record is full, and grows it to `items` bits.
+    [[nodiscard]] unsigned int SpillBitmap(uint32_t items);
+
+    // Record `index` of $MFT read from / written to $MFT's $DATA.
+    [[nodiscard]] unsigned int ReadRecordImage(int64_t index, void* buffer);
+    [[nodiscard]] unsigned int WriteRecordImage(int64_t index, const void* buffer);
 
     CFullFileRecord* Mft;
     int SectorsPerFileRecord;
@@ -151,6 +179,13 @@ public:
     int ReserveCount;
     uint32_t ReserveMask;
     int64_t FreeRecords;
+
+private:
+    // Sets the bit of `item` through the cached unit and marks it dirty.
+    [[nodiscard]] unsigned int SetItemBit(int64_t item);
+    // Stamps free every record from `first` up to `end` except the reserved
+    // ones in use.
+    [[nodiscard]] unsigned int StampNewRecords(int64_t first, int64_t end);
 };
 
 }  // namespace ntfs

@@ -28,23 +28,23 @@ namespace {
 // New records stamped at a time out of the room $DATA of $MFT already owns.
 constexpr int64_t kRecordsStampedAtOnce = 10;
 
-// Record `index` of $MFT through its $DATA.
-unsigned int ReadMftRecord(CFullFileRecord* mft, int64_t index, int recordSize, void* buffer) {
-    int64_t offset = index * recordSize;
+}  // namespace
+
+unsigned int CFileRecordBitmap::ReadRecordImage(int64_t index, void* buffer) {
+    int64_t offset = index * FileRecordSize;
     uint32_t read = 0;
     const unsigned int code =
-        mft->ReadAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(recordSize), buffer, &read);
+        Mft->ReadAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(FileRecordSize), buffer, &read);
     if (code != ERROR_SUCCESS) return code;
-    return read == static_cast<uint32_t>(recordSize) ? ERROR_SUCCESS : ERROR_FILE_CORRUPT;
+    return read == static_cast<uint32_t>(FileRecordSize) ? ERROR_SUCCESS : ERROR_FILE_CORRUPT;
 }
 
-unsigned int WriteMftRecord(CFullFileRecord* mft, int64_t index, int recordSize, const void* buffer) {
-    int64_t offset = index * recordSize;
+unsigned int CFileRecordBitmap::WriteRecordImage(int64_t index, const void* buffer) {
+    int64_t offset = index * FileRecordSize;
     uint32_t written = 0;
-    return mft->WriteAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(recordSize), buffer, &written);
+    return Mft->WriteAttribute(AttributeData, nullptr, 0, &offset, static_cast<uint32_t>(FileRecordSize), buffer,
+                               &written);
 }
-
-}  // namespace
 
 unsigned int CFileRecordBitmap::InitializeRecords(int64_t first, int count) {
     LogMessage("Initialize FileRecord %d, Number %d.\n", static_cast<int>(first), count);
@@ -52,15 +52,38 @@ unsigned int CFileRecordBitmap::InitializeRecords(int64_t first, int count) {
     if (buffer == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     unsigned int code = ERROR_SUCCESS;
     for (int i = 0; i < count && code == ERROR_SUCCESS; ++i) {
-        code = ReadMftRecord(Mft, first + i, FileRecordSize, buffer);
+        code = ReadRecordImage(first + i, buffer);
         if (code != ERROR_SUCCESS) break;
         // Only the signature and the flags: the rest stays as the clusters held it.
         WriteU32(buffer, kFileMagicOffset, kFileRecordMagic);
         WriteU16(buffer, kFileFlagsOffset, 0);
-        code = WriteMftRecord(Mft, first + i, FileRecordSize, buffer);
+        code = WriteRecordImage(first + i, buffer);
     }
     std::free(buffer);
     return code;
+}
+
+unsigned int CFileRecordBitmap::StampNewRecords(int64_t first, int64_t end) {
+    if (first == ItemCount || end <= first) {
+        return InitializeRecords(first, end > first ? static_cast<int>(end - first) : 0);
+    }
+    // After a tail move the count of records can stand past the initialized
+    // size (it counts the move's clusters, which on clusters smaller than a
+    // record are more than the records won). Stamping from that count would
+    // leave records inside the new initialized size that were never stamped,
+    // so every record from the old size on is stamped, except those whose
+    // bit is set: the reserved records that hold $MFT's own pieces.
+    int64_t from = first;
+    for (int64_t item = first; item <= end; ++item) {
+        bool inUse = false;
+        if (item < end && IsItemInUse(item, &inUse) == ERROR_SUCCESS && !inUse) continue;
+        if (item > from) {
+            const unsigned int code = InitializeRecords(from, static_cast<int>(item - from));
+            if (code != ERROR_SUCCESS) return code;
+        }
+        from = item + 1;
+    }
+    return ERROR_SUCCESS;
 }
 
 unsigned int CFileRecordBitmap::TakeRecord(int64_t* index, int ignoreExclusions) {
@@ -76,25 +99,41 @@ unsigned int CFileRecordBitmap::TakeRecord(int64_t* index, int ignoreExclusions)
         LogMessage("$MFT file is full. Enlarge it to store more data.\n");
         CAttribute* data = Mft->FindAttribute(AttributeData, nullptr, 0, 0);
         if (data == nullptr || data->IsResident()) return ERROR_FILE_CORRUPT;
-        const int64_t allocated = ReadI64(data->Header, kNonResidentAllocatedSizeOffset);
-        const int64_t initialized = ReadI64(data->Header, kNonResidentInitializedSizeOffset);
-        // $MFT gains clusters only through its enlargement, which this volume
-        // object does not do: with no room left for one more record there is
-        // no record to be had.
-        if (allocated - initialized < FileRecordSize) return ERROR_HANDLE_DISK_FULL;
+        int64_t allocated = ReadI64(data->Header, kNonResidentAllocatedSizeOffset);
+        int64_t initialized = ReadI64(data->Header, kNonResidentInitializedSizeOffset);
+        int grown = 0;
+        if (allocated - initialized < FileRecordSize) {
+            code = EnlargeMft(allocated / FileRecordSize, ignoreExclusions, &grown);
+            if (code != ERROR_SUCCESS) return code;
+            data = Mft->FindAttribute(AttributeData, nullptr, 0, 0);
+            if (data == nullptr || data->IsResident()) return ERROR_FILE_CORRUPT;
+            allocated = ReadI64(data->Header, kNonResidentAllocatedSizeOffset);
+            initialized = ReadI64(data->Header, kNonResidentInitializedSizeOffset);
+        }
         int64_t count = (allocated - initialized) / FileRecordSize;
         if (count > kRecordsStampedAtOnce) count = kRecordsStampedAtOnce;
+        if (count < 0) count = 0;
         const int64_t newInitialized = initialized + count * FileRecordSize;
         const int64_t newCount = newInitialized / FileRecordSize;
         // The new records must have bits to be handed out by; a bitmap that
         // cannot cover them would leave records that no bit describes, so the
-        // stamping does not begin.
-        if (Mft->GetAttributeDataSize(AttributeBitmap, nullptr, 0) * 8 < newCount) {
+        // stamping does not begin (after a growth, the bitmap grows first).
+        if (!grown && Mft->GetAttributeDataSize(AttributeBitmap, nullptr, 0) * 8 < newCount) {
             return ERROR_HANDLE_DISK_FULL;
         }
-        code = InitializeRecords(ItemCount, static_cast<int>(count));
+        code = StampNewRecords(initialized / FileRecordSize, newCount);
         if (code != ERROR_SUCCESS) return code;
         ItemCount = newCount;
+        if (grown) {
+            code = Resize(static_cast<uint32_t>(ItemCount));
+            if (code == ERROR_INSUFFICIENT_BUFFER) code = SpillBitmap(static_cast<uint32_t>(ItemCount));
+            if (code != ERROR_SUCCESS) return code;
+            // The spill drops the result of its own growth: records are not
+            // counted in before a bit describes each of them.
+            if (Mft->GetAttributeDataSize(AttributeBitmap, nullptr, 0) * 8 < newCount) {
+                return ERROR_HANDLE_DISK_FULL;
+            }
+        }
         data = Mft->FindAttribute(AttributeData, nullptr, 0, 0);
         if (data == nullptr) return ERROR_FILE_CORRUPT;
         WriteU64(data->Header, kNonResidentDataSizeOffset, static_cast<uint64_t>(newInitialized));
@@ -115,16 +154,21 @@ unsigned int CFileRecordBitmap::TakeRecord(int64_t* index, int ignoreExclusions)
         (void)FreeUnits(&item, 1);
         return ERROR_NOT_ENOUGH_MEMORY;
     }
-    code = ReadMftRecord(Mft, item, FileRecordSize, buffer);
+    code = ReadRecordImage(item, buffer);
     if (code == ERROR_SUCCESS && !CFileRecord::InitializeFileRecord(reinterpret_cast<_FILE_RECORD_HEADER*>(buffer),
                                                                     FileRecordSize, Volume->GetSectorSize(), &item)) {
         // A record whose bit is clear but whose image says it is in use is
-        // not overwritten: whatever it holds stays, and the bit goes back.
-        code = ERROR_FILE_CORRUPT;
+        // not overwritten: whatever it holds stays (a bit lost to a failed
+        // write can leave one of $MFT's own records so). Its bit stays set,
+        // which is what the record's image says, so that the next search
+        // does not find the same record again.
+        std::free(buffer);
+        --FreeRecords;
+        return ERROR_FILE_CORRUPT;
     }
     if (code == ERROR_SUCCESS) {
         WriteU16(buffer, kFileFlagsOffset, kFileRecordInUse);
-        code = WriteMftRecord(Mft, item, FileRecordSize, buffer);
+        code = WriteRecordImage(item, buffer);
         *index = item;
     }
     std::free(buffer);
@@ -139,10 +183,10 @@ unsigned int CFileRecordBitmap::TakeRecord(int64_t* index, int ignoreExclusions)
 unsigned int CFileRecordBitmap::ReleaseRecord(int64_t* index) {
     auto* buffer = static_cast<uint8_t*>(std::malloc(static_cast<size_t>(FileRecordSize)));
     if (buffer == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
-    unsigned int code = ReadMftRecord(Mft, *index, FileRecordSize, buffer);
+    unsigned int code = ReadRecordImage(*index, buffer);
     if (code == ERROR_SUCCESS) {
         WriteU16(buffer, kFileFlagsOffset, 0);
-        code = WriteMftRecord(Mft, *index, FileRecordSize, buffer);
+        code = WriteRecordImage(*index, buffer);
     }
     std::free(buffer);
     if (code != ERROR_SUCCESS) return code;
@@ -181,7 +225,7 @@ unsigned int CNTFSVolume::ReferenceEmptyFileRecordFromMFT(CFileRecord** record, 
             std::memset(buffer, 0, static_cast<size_t>(recordSize));
             CFileRecord::InitializeFileRecord(reinterpret_cast<_FILE_RECORD_HEADER*>(buffer), recordSize,
                                               GetSectorSize(), &index);
-            LastError = WriteMftRecord(mft, index, recordSize, buffer);
+            LastError = bitmap->WriteRecordImage(index, buffer);
             if (LastError != ERROR_SUCCESS) bitmap->ReserveMask &= ~(1u << bit);
         }
     }
@@ -193,7 +237,7 @@ unsigned int CNTFSVolume::ReferenceEmptyFileRecordFromMFT(CFileRecord** record, 
                static_cast<unsigned int>(static_cast<uint64_t>(index) >> 32) & 0xFFFF,
                static_cast<unsigned int>(index));
     mft->LockShared();
-    LastError = ReadMftRecord(mft, index, recordSize, buffer);
+    LastError = bitmap->ReadRecordImage(index, buffer);
     mft->UnlockShared();
     auto giveBack = [&](unsigned int code) {
         mft->LockExclusive();

@@ -108,7 +108,8 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
     const int64_t length = attribute->GetDataSize();
     const int64_t end = file->FilePointer + size;
     if (end <= length) {
-        std::memcpy(attribute->GetValue() + file->FilePointer, buffer, static_cast<size_t>(size));
+        // A zero-byte write may come with no buffer at all.
+        if (size > 0) std::memcpy(attribute->GetValue() + file->FilePointer, buffer, static_cast<size_t>(size));
         file->FilePointer = end;
         attribute->Mark();
         record->MarkModified();
@@ -126,7 +127,8 @@ int CNTFSVolume::WriteResident(CFileHandle* file, const void* buffer, int size, 
             LastError = ERROR_FILE_CORRUPT;
             return 0;
         }
-        std::memcpy(attribute->GetValue() + file->FilePointer, buffer, static_cast<size_t>(size));
+        // A zero-byte write may come with no buffer at all.
+        if (size > 0) std::memcpy(attribute->GetValue() + file->FilePointer, buffer, static_cast<size_t>(size));
         file->FilePointer = end;
         WriteU32(attribute->Header, kResidentValueLengthOffset, static_cast<uint32_t>(file->FilePointer));
         if (file->DataSize < file->FilePointer) file->DataSize = file->FilePointer;

@@ -173,10 +173,16 @@ unsigned int CFullFileRecord::MoveAttributeToExtension(int needed) {
     if (ExtensionRecords.GetCount() == 0) return ERROR_INTERNAL_ERROR;
     CFileRecord* last = ExtensionRecords.At<CFileRecord>(ExtensionRecords.GetCount() - 1);
     const int room = last->GetFreeSpace();
+    // The first piece of $MFT's $DATA never leaves record 0: the boot
+    // sector finds $MFT through it, and an extension record can only be
+    // found through it. Moving it would leave the volume without a way to
+    // its records, so it is never a candidate.
+    CAttribute* pinned = RecordNumber == kMftRecord ? FindAttribute(AttributeData, nullptr, 0, 0) : nullptr;
     CAttribute* candidate = MergedAttributes.GetCount() >= 2 ? MergedAttributes.At<CAttribute>(1) : nullptr;
+    if (candidate != nullptr && candidate == pinned) candidate = nullptr;
     for (int i = 2; i < MergedAttributes.GetCount(); ++i) {
         CAttribute* attribute = MergedAttributes.At<CAttribute>(i);
-        if (attribute->GetType() == AttributeAttributeList) continue;
+        if (attribute->GetType() == AttributeAttributeList || attribute == pinned) continue;
         if (attribute->Size <= room && GetFreeSpace() + attribute->Size >= needed &&
             (candidate == nullptr || attribute->Size >= candidate->Size)) {
             candidate = attribute;

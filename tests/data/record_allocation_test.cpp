@@ -1,7 +1,8 @@
 // Records of $MFT handed out and taken back: a record taken is a blank FILE
 // record in use with its bit set; given back, its flags and bit are clear.
 // With two free records or fewer left, new records are first stamped out of
-// the room $MFT's $DATA already owns; with no such room there is no record.
+// the room $MFT's $DATA already owns; with no such room, on a volume too
+// small for $MFT to grow, there is no record.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -46,7 +47,7 @@ TEST(RecordAllocation, RecordsAreTakenStampedAndGivenBack) {
     ASSERT_EQ(volume->ReferenceEmptyFileRecordFromMFT(&second, 0), ERROR_SUCCESS);
     EXPECT_EQ(bitmap->GetItemCount(), records + 1);
     EXPECT_EQ(MftDataSize(volume), size + volume->GetFileRecordSize());
-    // No room left and no enlargement of $MFT: no record.
+    // No room left, and 32767 sectors are too few for $MFT to grow: no record.
     bitmap->FreeRecords = 2;
     CFileRecord* third = nullptr;
     EXPECT_EQ(volume->ReferenceEmptyFileRecordFromMFT(&third, 0), ERROR_HANDLE_DISK_FULL);

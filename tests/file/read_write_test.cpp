@@ -246,10 +246,20 @@ TEST(FileHandles, TruncateOnOpenAndZeroWriteShorten) {
     int done = 0;
     EXPECT_EQ(volume->WriteFile(handle, "", 0, &done), 1);
     EXPECT_EQ(volume->CloseFileHandle(handle), 1);
+    // On resident data a zero-byte write, here with no buffer at all, copies
+    // nothing and leaves the file as it is.
+    handle = volume->CreateFileA(u"\\data\\small-600.bin", 0, kOpenExisting, kReadWriteShared);
+    ASSERT_NE(handle, nullptr);
+    low = 100;
+    ASSERT_EQ(volume->SetFilePointer(handle, &low, nullptr, kFileBegin), ERROR_SUCCESS);
+    EXPECT_EQ(volume->WriteFile(handle, nullptr, 0, &done), 1);
+    EXPECT_EQ(done, 0);
+    EXPECT_EQ(volume->CloseFileHandle(handle), 1);
     const std::string saved = mounted.UnmountToFile();
     const std::vector<ManifestEntry> manifest = LoadManifest("c4k");
     EXPECT_EQ(Icat(saved, Find(manifest, "\\data\\exact-cluster.bin")->record).size(), 0u);
     EXPECT_EQ(Icat(saved, Find(manifest, "\\data\\large-random.bin")->record).size(), 1000u);
+    EXPECT_EQ(Icat(saved, Find(manifest, "\\data\\small-600.bin")->record).size(), 600u);
     EXPECT_EQ(test::RunTool("ntfsfix -n " + test::ShellQuote(saved)).status, 0);
 }
 
