@@ -1,8 +1,7 @@
 // Closing a file: the handle's size and times go into the record, the record
 // is written, and the copies of the sizes and times in the file's index
 // entries are refreshed in place. A handle opened for delete-on-close deletes
-// its file instead (a later part of the library; until then that close
-// answers ERROR_NOT_SUPPORTED and still ends the handle).
+// its file instead.
 #include <cstring>
 
 #include "file/file_handle.h"
@@ -91,9 +90,15 @@ int CNTFSVolume::CloseFileHandle(void* handle) {
     // volume shares, only receives it.
     unsigned int code = ERROR_SUCCESS;
     if (file->AccessMode & kAccessDeleteOnClose) {
-        code = DeleteFile(file);
+        code = file->DeleteFile();
         LastError = code;
         file->Deleted = code == ERROR_SUCCESS ? 1 : 0;
+    } else if (file->FileRecord->RemovedFromVolume) {
+        // Deviation for safety: another handle deleted the file, and its
+        // number may already be a new file's. Nothing of the old image is
+        // written; the close answers as it would with no name left to
+        // refresh.
+        LastError = code;
     } else {
         CFullFileRecord* record = file->FileRecord;
         record->LockExclusive();

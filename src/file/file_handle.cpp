@@ -51,7 +51,10 @@ CFileHandle::~CFileHandle() {
     std::free(Path);
     if (FindHandle != nullptr) FindHandle->Release();
     if (FileRecord != nullptr) {
-        if (Deleted)
+        // Deviation for safety: a deleted record that other handles still
+        // hold is left to them (marked removed from the volume) instead of
+        // being destroyed under them.
+        if (Deleted && FileRecord->GetReferenceCount() <= 1)
             delete FileRecord;
         else
             FileRecord->Release();

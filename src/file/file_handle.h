@@ -71,6 +71,11 @@ public:
     // index holds a new name already. `*changed` is 1 while the record in
     // memory differs from the disk: the caller then reverts it.
     [[nodiscard]] unsigned int Rename(const char16_t* oldName, const char16_t* newName, int* changed);
+    // Deletes the file by the name it was opened with: the name (and its DOS
+    // or Win32 partner) leaves the directory and the record, then the file
+    // leaves the volume when it has no name left. 0 or a code;
+    // ERROR_BAD_FORMAT when the record holds that name no more.
+    [[nodiscard]] unsigned int DeleteFile();
     // Writes sizes and times into the record and every index entry of the file
     // in its directory.
     [[nodiscard]] unsigned int UpdateIndexEntries(int64_t* accessTime, int64_t* writeTime);

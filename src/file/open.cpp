@@ -1,7 +1,5 @@
-// Opening files: CreateFileA with the dispositions that open and truncate,
-// and the sharing test of OpenFile. Files are created by a later part of the
-// library: until then a disposition that would create a file answers as for
-// an absent one.
+// Opening files: CreateFileA with its dispositions (open, truncate, create)
+// and the sharing test of OpenFile.
 #include <cstdlib>
 #include <new>
 
@@ -55,12 +53,36 @@ void* CNTFSVolume::OpenFile(CFindHandle* find, const char16_t* path, unsigned in
     return static_cast<CShareElement*>(handle);
 }
 
-void* CNTFSVolume::CreateFileA(const char16_t* path, unsigned int attributes, unsigned int disposition,
-                               unsigned int access) {
-    if (path == nullptr || !IsValidPath(path) || (attributes & kFileAttributeDirectory) != 0) {
-        LastError = ERROR_INVALID_PARAMETER;
-        return nullptr;
+bool CNTFSVolume::CreateNewFile(CFindHandle* find, const char16_t* leaf, unsigned int attributes) {
+    CFullFileRecord* record = nullptr;
+    unsigned int code = CreateEmptyFileRecord(leaf, 1, attributes, find->GetDirectory(), &record);
+    if (code != ERROR_SUCCESS) {
+        LastError = code;
+        return false;
     }
+    const uint8_t* entry = nullptr;
+    code = find->FindFirst(&entry);
+    if (code != ERROR_SUCCESS) {
+        LastError = code;
+        LogMessage("%%#^&(%%#!!Can't find new created file!!!!!!!!!\n");
+        record->Release();
+        return false;
+    }
+    find->KeepEntry(entry);
+    // Only the side effects count: the file's own reference as the parent
+    // fills in no name.
+    _FIND_FILE_DATA data{};
+    const uint64_t own = (static_cast<uint64_t>(record->RecordNumber) & kFileReferenceNumberMask) |
+                         (static_cast<uint64_t>(ReadU16(record->Image, kFileSequenceNumberOffset)) << 48);
+    find->FillFindData(&own, record, &data, entry);
+    int64_t changed = 0;
+    code = WriteChangedRecord(record, nullptr, nullptr, &changed);
+    record->Release();
+    LastError = code;
+    return code == ERROR_SUCCESS;
+}
+
+CFindHandle* CNTFSVolume::SearchParentForLeaf(const char16_t* path) {
     CDirectory* directory = nullptr;
     if (GetParentDirectory(path, &directory) != ERROR_SUCCESS) return nullptr;
     auto* find = new (std::nothrow) CFindHandle(directory, this);
@@ -70,16 +92,24 @@ void* CNTFSVolume::CreateFileA(const char16_t* path, unsigned int attributes, un
         return nullptr;
     }
     find->LockExclusive();
-    const int length = lstrlenW(path);
-    int slash = length - 1;
-    while (slash > 0 && path[slash] != u'\\') --slash;
-    const char16_t* leaf = path + slash + 1;
-    if (!find->SetPattern(leaf)) {
+    if (!find->SetPattern(LeafOfPath(path))) {
         LastError = ERROR_NOT_ENOUGH_MEMORY;
         find->UnlockExclusive();
         delete find;
         return nullptr;
     }
+    return find;
+}
+
+void* CNTFSVolume::CreateFileA(const char16_t* path, unsigned int attributes, unsigned int disposition,
+                               unsigned int access) {
+    if (path == nullptr || !IsValidPath(path) || (attributes & kFileAttributeDirectory) != 0) {
+        LastError = ERROR_INVALID_PARAMETER;
+        return nullptr;
+    }
+    const char16_t* leaf = LeafOfPath(path);
+    CFindHandle* find = SearchParentForLeaf(path);
+    if (find == nullptr) return nullptr;
     const uint8_t* entry = nullptr;
     LastError = find->FindFirst(&entry);
     if (LastError == ERROR_SUCCESS) {
@@ -107,8 +137,7 @@ void* CNTFSVolume::CreateFileA(const char16_t* path, unsigned int attributes, un
         case kCreateAlways:
         case kOpenAlways:
             if (!exists) {
-                // Creating files is not built yet: as for an absent file.
-                LastError = ERROR_FILE_NOT_FOUND;
+                if (CreateNewFile(find, leaf, attributes)) return OpenFile(find, path, access);
                 break;
             }
             if (disposition == kOpenAlways) return OpenFile(find, path, access);

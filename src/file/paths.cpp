@@ -21,6 +21,14 @@ int CNTFSVolume::IsValidPath(const char16_t* path) {
     return 1;
 }
 
+const char16_t* CNTFSVolume::LeafOfPath(const char16_t* path) {
+    const char16_t* leaf = path;
+    for (const char16_t* unit = path; *unit != 0; ++unit) {
+        if (*unit == u'\\') leaf = unit + 1;
+    }
+    return leaf;
+}
+
 int CNTFSVolume::IsValidFileName(const char16_t* name) {
     for (; *name != 0; ++name) {
         switch (*name) {

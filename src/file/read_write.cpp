@@ -46,6 +46,13 @@ CFileHandle* CNTFSVolume::TransferHandle(void* handle, unsigned int access, int 
         LastError = ERROR_INVALID_PARAMETER;
         return nullptr;
     }
+    // Deviation for safety: another handle deleted the file; its clusters
+    // and its record may belong to a new file already, so nothing is read
+    // from or written to them.
+    if (file->FileRecord->RemovedFromVolume) {
+        LastError = ERROR_ACCESS_DENIED;
+        return nullptr;
+    }
     return file;
 }
 

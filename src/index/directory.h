@@ -90,6 +90,12 @@ public:
     // is that of the nested change. There is no retry.
     [[nodiscard]] unsigned int RemoveEntry(const char16_t* name);
 
+    // Takes the name `name` (folded) of `record` under this directory out of
+    // the index and the record, and with a Win32 or DOS name its partner of
+    // the other namespace. 0, ERROR_BAD_FORMAT when the record has no such
+    // name here, or a code of the removal. The record is changed in memory.
+    [[nodiscard]] unsigned int UnlinkName(CFullFileRecord* record, const char16_t* name);
+
     // Takes one index record from the directory's bitmap, growing the index
     // when the bitmap has no free bit. *vcn is the record's VCN and *count
     // the records got (1). The VCN joins NewRecords.

@@ -137,6 +137,12 @@ public:
     // 0 or the first failing code, which ends the work.
     [[nodiscard]] unsigned int ReleaseExtensionRecords();
 
+    // Takes a file that has no name left off the volume: the clusters of its
+    // non-resident attributes and its records go back, and the object is
+    // marked RemovedFromVolume. A file with a name left is only written.
+    // 0 or the first failing code (the file may then be half deleted).
+    [[nodiscard]] unsigned int DeleteFromVolume(CNTFSVolume* volume);
+
     // Attribute placement across the base and extension records; all under
     // the exclusive lock of this record, the MFT bitmap under $MFT's.
     // Places `*attribute` (own memory, the caller's) and replaces `*attribute`
@@ -176,6 +182,11 @@ public:
 
     int Modified;
     int Valid;
+    // Set when the file was deleted from the volume while other holders
+    // still had the object: it is then no longer the record of its number
+    // (the number may be handed out again), it is not found by number, and
+    // nothing of it is written.
+    int RemovedFromVolume = 0;
 
 protected:
     // Sorts MergedAttributes: type, then name (exact, shorter first), then

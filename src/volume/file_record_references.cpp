@@ -20,7 +20,8 @@ CFullFileRecord* AsFullFileRecord(CChainElement* element) {
 
 int CNTFSVolume::FileRecordSearchRoutine(CChainElement* element, void* parameter) {
     CFullFileRecord* record = AsFullFileRecord(element);
-    const int64_t number = record->CFileRecord::Valid ? record->RecordNumber : -1;
+    // A record deleted while others held it is no longer that of its number.
+    const int64_t number = record->CFileRecord::Valid && !record->RemovedFromVolume ? record->RecordNumber : -1;
     return number == *static_cast<int64_t*>(parameter);
 }
 

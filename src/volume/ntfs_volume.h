@@ -262,8 +262,32 @@ protected:
     // The resident path of WriteFile; *leaves tells that the data left the
     // record and the write must go on as non-resident.
     int WriteResident(CFileHandle* file, const void* buffer, int size, int* done, bool* leaves);
-    // Deletes the file of a handle opened for delete-on-close.
-    unsigned int DeleteFile(CFileHandle* file);
+    // The creating path of CreateFileA: the file `leaf` made in the directory
+    // of `find` (exclusively locked), its entry found and kept by `find`, its
+    // record written. True, or false with LastError set; `find` is left as
+    // it was handed in either way.
+    bool CreateNewFile(CFindHandle* find, const char16_t* leaf, unsigned int attributes);
+    // A new find object on the directory that holds the last component of
+    // `path`, exclusively locked, its pattern that component; null with
+    // LastError set (the parent's code, or 8).
+    CFindHandle* SearchParentForLeaf(const char16_t* path);
+    // The last component of `path`: what stands behind its last backslash.
+    static const char16_t* LeafOfPath(const char16_t* path);
+
+    // Makes a file (or, with kFileAttributeDirectory in `attributes`, a
+    // directory) named `name` in `directory`: a record taken from the MFT
+    // with its first attributes, and its names (with a short name where one
+    // is needed, when `nameSpace` is 1) in the record and the index, which is
+    // flushed. 0 and `*record` referenced, its image modified and not yet
+    // written (the caller writes it); or a code (also in LastError), with the
+    // record given back and the index as it was. REQUIRES: the exclusive lock
+    // of a find object on `directory`.
+    [[nodiscard]] unsigned int CreateEmptyFileRecord(const char16_t* name, int nameSpace, unsigned int attributes,
+                                                     CDirectory* directory, CFullFileRecord** record);
+    // Gives a record that never became a file back to the MFT, with any
+    // extension records, and lets go of the object so that nobody finds it
+    // under its number again.
+    void DiscardNewRecord(CFullFileRecord* record);
 
     // A file's names. The short name `name` takes under a rename: a
     // generated one when the rename test asks for it, else a copy of `name`.
