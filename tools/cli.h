@@ -67,6 +67,26 @@ struct WriteOptions {
     std::string source = "-";  // host file, or "-" for standard input
     bool append = false;       // -a
 };
+struct PutOptions {
+    std::string image;
+    std::vector<std::string> sources;  // host paths, then the volume DEST
+    bool recursive = false;            // -R
+};
+struct MkdirOptions {
+    std::string image;
+    std::vector<std::string> paths;
+    bool parents = false;  // -p
+};
+struct RemoveOptions {
+    std::string image;
+    std::vector<std::string> paths;
+    bool recursive = false;  // -r (rm only)
+};
+struct MoveOptions {
+    std::string image;
+    std::string path;
+    std::string newName;
+};
 
 // Where the command's own output goes. The library prints its log lines on
 // standard output; the command moves them away (to /dev/null, or with -v to
@@ -134,6 +154,30 @@ int CommandStat(const GlobalOptions& global, const StatOptions& options);
 int CommandCat(const GlobalOptions& global, const CatOptions& options);
 int CommandGet(const GlobalOptions& global, const GetOptions& options);
 int CommandWrite(const GlobalOptions& global, const WriteOptions& options);
+int CommandPut(const GlobalOptions& global, const PutOptions& options);
+int CommandMkdir(const GlobalOptions& global, const MkdirOptions& options);
+int CommandRemove(const GlobalOptions& global, const RemoveOptions& options);
+int CommandRmdir(const GlobalOptions& global, const RemoveOptions& options);
+int CommandMove(const GlobalOptions& global, const MoveOptions& options);
+
+// What the commands that change the image share with the others (defined in
+// command_files.cpp).
+struct VolumeEntry {
+    std::u16string name;
+    bool directory = false;
+    uint64_t size = 0;
+    int64_t record = 0;
+};
+// Looks a volume path up: 0, or the volume's code (2 when absent).
+unsigned int LookUp(CNTFSVolume* volume, const std::u16string& path, VolumeEntry* entry);
+// The entries of a directory in index order.
+unsigned int ListEntries(CNTFSVolume* volume, const std::u16string& directory, std::vector<VolumeEntry>* entries);
+// Reports a failed look-up of `path` in words (the case-table reason where
+// it applies); returns 1.
+int ReportLookup(CNTFSVolume* volume, const std::u16string& path, unsigned int code);
+std::u16string JoinPath(const std::u16string& directory, const std::u16string& name);
+std::u16string ParentPath(const std::u16string& path);
+std::u16string LeafOf(const std::u16string& path);
 // ntfskit mount ARGS...: its own options (built with libfuse3 only).
 int CommandMount(int argc, char** argv);
 

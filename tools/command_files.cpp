@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "progress.h"
 #include "ntfskit.h"
 
 namespace ntfs::cli {
@@ -29,7 +30,6 @@ namespace ntfs::cli {
 namespace {
 
 // Copies longer than this show a progress line on a terminal.
-constexpr uint64_t kProgressThreshold = 4u << 20;
 // Blocks of zeros this long become holes in a host file.
 constexpr size_t kHoleBlock = 4096;
 constexpr int64_t kRootRecord = 5;
@@ -506,42 +506,6 @@ private:
     bool first_ = true;
 };
 
-// A progress line on standard error, only when it is a terminal: bytes so
-// far, rate and time left, at most a few times a second.
-class Progress {
-public:
-    Progress(const std::string& name, uint64_t total, bool allowed)
-        : name_(name),
-          total_(total),
-          shown_(allowed && total >= kProgressThreshold && isatty(STDERR_FILENO)),
-          start_(std::chrono::steady_clock::now()),
-          last_(start_) {}
-    void Update(uint64_t done) {
-        if (!shown_) return;
-        const auto now = std::chrono::steady_clock::now();
-        if (done < total_ && now - last_ < std::chrono::milliseconds(200)) return;
-        last_ = now;
-        const double seconds = std::chrono::duration<double>(now - start_).count();
-        const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
-        const double left = rate > 0 ? static_cast<double>(total_ - done) / rate : 0;
-        std::fprintf(stderr, "\r%s: %llu of %llu bytes, %.1f MiB/s, %.0f s left   ", name_.c_str(),
-                     static_cast<unsigned long long>(done), static_cast<unsigned long long>(total_), rate / (1 << 20),
-                     left);
-        drawn_ = true;
-    }
-    ~Progress() {
-        if (drawn_) std::fputc('\n', stderr);
-    }
-
-private:
-    std::string name_;
-    uint64_t total_;
-    bool shown_;
-    bool drawn_ = false;
-    std::chrono::steady_clock::time_point start_;
-    std::chrono::steady_clock::time_point last_;
-};
-
 // Where a copy's bytes go: a host file, written with holes where the data
 // is zeros, or a stream.
 class Sink {
@@ -889,6 +853,37 @@ void PrintStat(std::FILE* out, const std::u16string& path, const FileLayout& lay
 }
 
 }  // namespace
+
+unsigned int LookUp(CNTFSVolume* volume, const std::u16string& path, VolumeEntry* found) {
+    Entry entry;
+    const unsigned int code = Stat(volume, path, &entry);
+    if (code != ERROR_SUCCESS) return code;
+    *found = {entry.name, entry.directory, entry.size, entry.record};
+    return ERROR_SUCCESS;
+}
+
+unsigned int ListEntries(CNTFSVolume* volume, const std::u16string& directory, std::vector<VolumeEntry>* entries) {
+    entries->clear();
+    return VisitEntries(volume, directory, [entries](Entry&& entry) {
+        entries->push_back({std::move(entry.name), entry.directory, entry.size, entry.record});
+    });
+}
+
+int ReportLookup(CNTFSVolume* volume, const std::u16string& path, unsigned int code) {
+    return FailLookup(volume, path, code);
+}
+
+std::u16string JoinPath(const std::u16string& directory, const std::u16string& name) {
+    return Join(directory, name);
+}
+
+std::u16string ParentPath(const std::u16string& path) {
+    return Parent(path);
+}
+
+std::u16string LeafOf(const std::u16string& path) {
+    return LeafName(path);
+}
 
 int CommandList(const GlobalOptions&, const ListOptions& options) {
     MountedImage image;

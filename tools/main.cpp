@@ -6,6 +6,11 @@
 //   ntfskit cat IMAGE PATH...
 //   ntfskit get [-R] [-p] IMAGE SRC... DEST
 //   ntfskit write [-a] IMAGE PATH [SOURCE]
+//   ntfskit put [-R] IMAGE SRC... DEST
+//   ntfskit mkdir [-p] IMAGE PATH...
+//   ntfskit rm [-r] IMAGE PATH...
+//   ntfskit rmdir IMAGE PATH...
+//   ntfskit mv IMAGE PATH NEWNAME
 //   ntfskit mount [-o ro] [-f] [-d] IMAGE MOUNTPOINT   (built with libfuse3)
 //
 // Read commands open the image read-only. The library's log lines are shown
@@ -14,8 +19,7 @@
 //
 // The parser is one CLI11 application with a subcommand per command; each
 // subcommand fills its options struct (cli.h) and names the function that
-// runs it. The commands that create, remove and rename (put, mkdir, rm,
-// rmdir, mv) are added the same way. mount keeps its own option parsing
+// runs it. mount keeps its own option parsing
 // (libfuse's options pass through it) and is handed its arguments as they are.
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -41,6 +45,11 @@ struct Parsed {
     CatOptions cat;
     GetOptions get;
     WriteOptions write;
+    PutOptions put;
+    MkdirOptions mkdir;
+    RemoveOptions remove;
+    RemoveOptions rmdir;
+    MoveOptions move;
     std::function<int()> run;
 };
 
@@ -100,6 +109,35 @@ void Build(CLI::App& app, Parsed& p) {
     write->add_option("IMAGE", p.write.image, "Volume image or device")->required();
     write->add_option("PATH", p.write.path, "Existing file on the volume")->required();
     write->add_option("SOURCE", p.write.source, "Host file to copy in (default '-': standard input)");
+
+    CLI::App* put = AddCommand(app, p, "put", "Copy host files or trees onto the volume (create or overwrite)",
+                               [&p] { return CommandPut(p.global, p.put); });
+    put->add_flag("-R,--recursive", p.put.recursive, "Copy directories with everything below them");
+    put->add_option("IMAGE", p.put.image, "Volume image or device")->required();
+    put->add_option("SRC", p.put.sources, "Host paths, then the DEST path on the volume")->required()->expected(2, -1);
+
+    CLI::App* mkdir = AddCommand(app, p, "mkdir", "Make directories on the volume",
+                                 [&p] { return CommandMkdir(p.global, p.mkdir); });
+    mkdir->add_flag("-p,--parents", p.mkdir.parents, "Make missing parents too; an existing directory is fine");
+    mkdir->add_option("IMAGE", p.mkdir.image, "Volume image or device")->required();
+    mkdir->add_option("PATH", p.mkdir.paths, "Directories to make")->required();
+
+    CLI::App* rm = AddCommand(app, p, "rm", "Delete files (with -r also directories and what they hold)",
+                              [&p] { return CommandRemove(p.global, p.remove); });
+    rm->add_flag("-r,-R,--recursive", p.remove.recursive, "Delete directories with everything below them");
+    rm->add_option("IMAGE", p.remove.image, "Volume image or device")->required();
+    rm->add_option("PATH", p.remove.paths, "Paths on the volume")->required();
+
+    CLI::App* rmdir = AddCommand(app, p, "rmdir", "Remove empty directories",
+                                 [&p] { return CommandRmdir(p.global, p.rmdir); });
+    rmdir->add_option("IMAGE", p.rmdir.image, "Volume image or device")->required();
+    rmdir->add_option("PATH", p.rmdir.paths, "Directories on the volume")->required();
+
+    CLI::App* mv = AddCommand(app, p, "mv", "Rename a file inside its directory",
+                              [&p] { return CommandMove(p.global, p.move); });
+    mv->add_option("IMAGE", p.move.image, "Volume image or device")->required();
+    mv->add_option("PATH", p.move.path, "The file on the volume")->required();
+    mv->add_option("NEWNAME", p.move.newName, "Its new name (a name, not a path)")->required();
 }
 
 #ifdef NTFSKIT_HAVE_FUSE
@@ -107,9 +145,6 @@ void Build(CLI::App& app, Parsed& p) {
 #else
 #define kMountWord ""
 #endif
-
-// The commands to come with file creation, removal and rename.
-const char* const kComing[] = {"put", "mkdir", "rm", "rmdir", "mv"};
 
 }  // namespace
 
@@ -134,15 +169,6 @@ int main(int argc, char** argv) {
         const std::string word = argv[i];
         if (word == "-v" || word == "--verbose") continue;
         if (!word.empty() && word[0] == '-') break;  // help, version, or the parser's to judge
-        for (const char* coming : kComing) {
-            if (word == coming) {
-                std::fprintf(stderr,
-                             "ntfskit: %s is not available yet (creating, removing and renaming files come "
-                             "with a later version)\n",
-                             coming);
-                return kExitUsage;
-            }
-        }
 #ifdef NTFSKIT_HAVE_FUSE
         if (word == "mount") {
             RedirectLibraryLog(false);
@@ -151,7 +177,8 @@ int main(int argc, char** argv) {
 #endif
         if (app.get_subcommands([&word](CLI::App* command) { return command->get_name() == word; }).empty()) {
             std::fprintf(stderr,
-                         "ntfskit: unknown command '%s' (commands: info, ls, stat, cat, get, write" kMountWord
+                         "ntfskit: unknown command '%s' (commands: info, ls, stat, cat, get, write, put, mkdir, rm, "
+                         "rmdir, mv" kMountWord
                          ")\n"
                          "Run 'ntfskit --help' for usage.\n",
                          word.c_str());

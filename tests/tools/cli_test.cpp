@@ -267,6 +267,56 @@ TEST_F(CliTest, WriteOverwritesAndAppends) {
     EXPECT_EQ(RunTool("ntfsfix -n " + ShellQuote(image_)).status, 0);
 }
 
+// The changing commands end to end: a host tree put on the volume (new
+// directories, new files, a file overwritten), a directory path made with
+// -p, a rename, then everything removed again; after each step the
+// independent readers agree, and at the end the free clusters and records
+// are what they were.
+TEST_F(CliTest, PutMkdirMvRmAndRmdirReachTheIndependentReaders) {
+    const std::string tree = dir_ + "/tree";
+    ASSERT_EQ(RunTool("mkdir -p " + ShellQuote(tree + "/sub/deeper")).status, 0);
+    WriteFile(tree + "/a.txt", "first file\n");
+    WriteFile(tree + "/sub/Long File Name.txt", std::string(70000, 'q'));
+    std::string random;
+    for (int i = 0; i < 300000; ++i) random += static_cast<char>((i * 2654435761u) >> 13);
+    WriteFile(tree + "/sub/deeper/random.bin", random);
+    WriteFile(dir_ + "/readme.new", "replaced readme\n");
+    const std::string image = ShellQuote(image_);
+    const std::string before = Run("info " + image).output;
+
+    ASSERT_EQ(Run("put -R " + image + " " + ShellQuote(tree) + " /").status, 0);
+    ASSERT_EQ(Run("put " + image + " " + ShellQuote(dir_ + "/readme.new") + " /readme.txt").status, 0);
+    ASSERT_EQ(Run("mkdir -p " + image + " /made/on/the/way").status, 0);
+    ASSERT_EQ(Run("mv " + image + " /tree/a.txt renamed.txt").status, 0);
+    const std::string listing = RunTool("ntfsls -R -p /tree " + image + " 2>&1").output;
+    for (const char* name : {"renamed.txt", "sub", "Long File Name.txt", "deeper", "random.bin"}) {
+        EXPECT_NE(listing.find(name), std::string::npos) << name << "\n" << listing;
+    }
+    EXPECT_EQ(listing.find("a.txt\n"), std::string::npos) << listing;
+    EXPECT_EQ(RunTool("ntfscat " + image + " /tree/sub/deeper/random.bin 2>/dev/null").output, random);
+    EXPECT_EQ(RunTool("ntfscat " + image + " /tree/renamed.txt 2>/dev/null").output, "first file\n");
+    EXPECT_EQ(RunTool("ntfscat " + image + " /readme.txt 2>/dev/null").output, "replaced readme\n");
+    EXPECT_NE(RunTool("fls -r -p -f ntfs " + image + " 2>/dev/null").output.find("made/on/the/way"), std::string::npos);
+    // The short name of a long one, as the readers see it.
+    EXPECT_NE(RunTool("ntfsls -x -p /tree/sub " + image + " 2>&1").output.find("LONGF~1.TXT"), std::string::npos);
+    EXPECT_EQ(RunTool("ntfsfix -n " + image).status, 0);
+
+    ASSERT_EQ(Run("rm -r " + image + " /tree").status, 0);
+    ASSERT_EQ(Run("rmdir " + image + " /made/on/the/way /made/on/the /made/on /made").status, 0);
+    const std::string root = RunTool("ntfsls " + image + " 2>&1").output;
+    EXPECT_EQ(root.find("tree"), std::string::npos) << root;
+    EXPECT_EQ(root.find("made"), std::string::npos) << root;
+    EXPECT_EQ(RunTool("ntfsfix -n " + image).status, 0);
+    // Only the overwritten readme may hold other clusters than before.
+    const auto line = [](const std::string& text, const char* key) {
+        const size_t at = text.find(key);
+        return at == std::string::npos ? std::string() : text.substr(at, text.find('\n', at) - at);
+    };
+    const std::string after = Run("info " + image).output;
+    EXPECT_EQ(line(after, "free clusters:"), line(before, "free clusters:"));
+    EXPECT_EQ(line(after, "free file records:"), line(before, "free file records:"));
+}
+
 // Writing over a compressed and a sparse file: text, random bytes and zeros
 // of several compression units and a part of one, then an append; each
 // reads back exactly through cat and through ntfscat.
@@ -459,8 +509,32 @@ TEST_F(CliTest, BadInputAndUsageErrorsChangeNothing) {
         {"get -q {image} /readme.txt {dir}", 2, "-q"},
         {"write {image}", 2, "PATH is required"},
         {"write -z {image} /readme.txt", 2, "-z"},
-        {"put {image} {source} /new.txt", 2, "put is not available yet"},
-        {"mv {image} /readme.txt other.txt", 2, "mv is not available yet"},
+        {"put {image} {source}", 2, "SRC: At least 2 required"},
+        {"mkdir {image}", 2, "PATH is required"},
+        {"rm {image}", 2, "PATH is required"},
+        {"rmdir {image}", 2, "PATH is required"},
+        {"mv {image} /readme.txt", 2, "NEWNAME is required"},
+        {"put -x {image} {source} /new.txt", 2, "-x"},
+        // The changing commands: every precondition before the first change.
+        {"put {image} {dir}/absent.txt /new.txt", 1, "{dir}/absent.txt: No such file or directory"},
+        {"put {image} {dir} /new", 1, "{dir}: is a directory (use put -R)"},
+        {"put {image} {source} /no/such/x.txt", 1, "\\no\\such: no such file or directory"},
+        {"put {image} {source} /readme.txt/x", 1, "\\readme.txt: not a directory"},
+        {"put {image} {source} {source} /readme.txt", 1, "\\readme.txt: not a directory (several sources"},
+        {"put {image} {huge} /big.bin", 1, "{image}: not enough free space: 16384 clusters wanted, 3035 free"},
+        {"put {image} {source} /bad:name", 1, "\\bad:name: not a valid name on the volume"},
+        {"put {ro} {source} /new.txt", 1, "{ro}: the image is read-only"},
+        {"mkdir {image} /docs", 1, "\\docs: exists"},
+        {"mkdir {image} /no/such", 1, "\\no: no such file or directory"},
+        {"mkdir {image} /readme.txt", 1, "\\readme.txt: exists and is a file"},
+        {"rm {image} /docs", 1, "\\docs: is a directory (use rm -r, or rmdir)"},
+        {"rm {image} /", 1, "\\: the root directory cannot be removed"},
+        {"rm {image} /readme.txt /absent", 1, "\\absent: no such file or directory"},
+        {"rmdir {image} /docs", 1, "\\docs: directory not empty"},
+        {"rmdir {image} /readme.txt", 1, "\\readme.txt: not a directory"},
+        {"mv {image} /readme.txt a/b", 1, "a/b: mv takes a new name, not a path"},
+        {"mv {image} /readme.txt Empty.dat", 1, "\\Empty.dat: exists; nothing was changed"},
+        {"mv {image} /docs d2", 1, "\\docs: is a directory; the volume renames files only"},
     };
     const std::vector<std::string> images = {image_, geometry, readOnly, truncated, random};
     std::vector<std::string> contents;
@@ -480,7 +554,8 @@ TEST_F(CliTest, BadInputAndUsageErrorsChangeNothing) {
 
 TEST_F(CliTest, HelpAndVersionExitZero) {
     for (const char* arguments : {"--help", "--version", "info --help", "ls --help", "stat --help", "cat --help",
-                                  "get --help", "write --help"}) {
+                                  "get --help", "write --help", "put --help", "mkdir --help", "rm --help",
+                                  "rmdir --help", "mv --help"}) {
         const test::ToolResult result = Run(arguments);
         EXPECT_EQ(result.status, 0) << arguments;
         EXPECT_FALSE(result.output.empty()) << arguments;
