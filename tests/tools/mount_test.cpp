@@ -193,6 +193,40 @@ TEST_F(VolumeFsTest, WritesPastTheEndFillWithZerosAndTruncateBothWaysSurvivesRem
     EXPECT_EQ(attributes.st_size, 80000);
 }
 
+// What cp -r, mv and rm -r do through a mount: make a directory, create
+// files in it, rename one, delete one, then remove it all; the readers agree
+// after each remount, and the free clusters come back.
+TEST_F(VolumeFsTest, CreateRenameDeleteAndRemoveReachTheDisk) {
+    Load(false);
+    struct statvfs start {};
+    ASSERT_EQ(fs_->StatFs(&start), 0);
+    ASSERT_EQ(fs_->MakeDirectory(u"\\made"), 0);
+    EXPECT_EQ(fs_->MakeDirectory(u"\\made"), -EEXIST);
+    const std::string data(20000, 'z');
+    for (const char16_t* name : {u"\\made\\one.txt", u"\\made\\two.txt"}) {
+        uint64_t handle = 0;
+        ASSERT_EQ(fs_->Create(name, O_CREAT | O_WRONLY | O_EXCL, &handle), 0);
+        ASSERT_EQ(fs_->Write(handle, data.data(), data.size(), 0), static_cast<int>(data.size()));
+        ASSERT_EQ(fs_->Release(handle), 0);
+    }
+    uint64_t handle = 0;
+    EXPECT_EQ(fs_->Create(u"\\made\\one.txt", O_CREAT | O_WRONLY | O_EXCL, &handle), -EEXIST);
+    ASSERT_EQ(fs_->Rename(u"\\made\\one.txt", u"\\made\\renamed.txt", false), 0);
+    ASSERT_EQ(fs_->Unlink(u"\\made\\two.txt"), 0);
+    EXPECT_EQ(fs_->RemoveDirectory(u"\\made"), -ENOTEMPTY);
+    Remount(false);
+    EXPECT_EQ(ReadAll(u"\\made\\renamed.txt"), data);
+    struct stat gone {};
+    EXPECT_EQ(fs_->GetAttr(u"\\made\\two.txt", &gone), -ENOENT);
+    ASSERT_EQ(fs_->Unlink(u"\\made\\renamed.txt"), 0);
+    ASSERT_EQ(fs_->RemoveDirectory(u"\\made"), 0);
+    Remount(true);
+    struct statvfs end {};
+    ASSERT_EQ(fs_->StatFs(&end), 0);
+    EXPECT_EQ(end.f_bfree, start.f_bfree);
+    EXPECT_EQ(fs_->GetAttr(u"\\made", &gone), -ENOENT);
+}
+
 TEST_F(VolumeFsTest, RefusalsAProgramSeesAsErrno) {
     Load(false);
     uint64_t handle = 0;
@@ -351,7 +385,18 @@ TEST_F(FuseMountTest, OrdinaryToolsReadAndWriteThroughTheMount) {
     Sh("head -c 300000 /dev/urandom > " + test::ShellQuote(dir_ + "/source"));
     Sh("cp " + test::ShellQuote(dir_ + "/source") + " " + point + "/Empty.dat");
     Sh("cmp " + test::ShellQuote(dir_ + "/source") + " " + point + "/Empty.dat");
+    // A tree copied in, a file moved to another directory (mv copies and
+    // deletes), a directory removed with what it holds.
+    Sh("mkdir -p " + test::ShellQuote(dir_ + "/tree/sub") + " && printf one > " +
+       test::ShellQuote(dir_ + "/tree/one.txt") + " && printf two > " + test::ShellQuote(dir_ + "/tree/sub/two.txt"));
+    Sh("cp -r " + test::ShellQuote(dir_ + "/tree") + " " + point + "/copied");
+    Sh("mv " + point + "/copied/one.txt " + point + "/EmptyDir/");
+    Sh("rm -r " + point + "/copied/sub");
     ASSERT_EQ(Stop(), 0);
+    EXPECT_EQ(Sh("ntfscat " + test::ShellQuote(image_) + " /EmptyDir/one.txt"), "one");
+    const std::string copied = Sh("ntfsls -a -p /copied " + test::ShellQuote(image_));
+    EXPECT_EQ(copied.find("sub"), std::string::npos) << copied;
+    EXPECT_EQ(copied.find("one.txt"), std::string::npos) << copied;
 
     // The bitmaps and the new size reached the image.
     Sh("ntfscat " + test::ShellQuote(image_) + " Empty.dat | cmp - " + test::ShellQuote(dir_ + "/source"));
