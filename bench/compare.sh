@@ -37,7 +37,7 @@ NTFSKIT=${NTFSKIT:-$HERE/../build/rel/tools/ntfskit}
 for tool in ntfsls ntfscat ntfsinfo /usr/bin/time; do
     command -v "$tool" >/dev/null || { echo "compare: missing $tool (Debian: ntfs-3g, time)" >&2; exit 1; }
 done
-for image in dir10k dir100k dir3k64k info1g file256 tree20k; do
+for image in dir10k dir100k dir3k64k info1g file256 tree20k empty256; do
     [[ -e $DIR/$image.img ]] || { "$HERE/make_images.sh" "$DIR"; break; }
 done
 SCRATCH=$(mktemp -d /tmp/ntfskit-compare.XXXXXX)
@@ -102,3 +102,10 @@ row info 2.0 "info, 1 GiB volume" "ntfsinfo -m" ":" "%N info $D/info1g.img" "ntf
 row cat 0.6 "cat, 256 MiB contiguous" "ntfscat" ":" "%N cat $D/file256.img /big.bin" "ntfscat $D/file256.img /big.bin"
 row cathost 2.0 "cat, 256 MiB contiguous" "cat (host file)" ":" "%N cat $D/file256.img /big.bin" "cat $D/file256.bin"
 row getR 1.3 "get -R, 20,000 files" "cp -r (host tree)" "rm -rf $OUT" "%N get -R $D/tree20k.img /tree $OUT" "cp -r $D/tree20k $OUT"
+# Both sides start from a fresh copy of the empty volume and include their
+# mount and unmount: put mounts the image itself.
+mkdir -p "$SCRATCH/mnt"
+row put10k 0.5 "put -R, 10,000 files of 4 KiB" "cp -r, ntfs-3g mount" \
+    "cp $D/empty256.img $SCRATCH/mine.img; cp $D/empty256.img $SCRATCH/peer.img" \
+    "%N put -R $SCRATCH/mine.img $D/files10k /" \
+    "ntfs-3g $SCRATCH/peer.img $SCRATCH/mnt && cp -r $D/files10k $SCRATCH/mnt/ && umount $SCRATCH/mnt"

@@ -6,6 +6,8 @@
 #   dir100k.img   one directory /big of 100,000 empty files
 #   dir3k64k.img  one directory /big of 3,000 empty files, 64 KiB clusters
 #   info1g.img    an empty 1 GiB volume
+#   empty256.img  an empty 256 MiB volume, and files10k/ on the host: 10,000
+#                 files of 4 KiB, for the put row
 #   file256.img   one contiguous file /big.bin of 256 MiB (host copy file256.bin)
 #   tree20k.img   a tree /tree of 100 directories of 200 files of 1-8 KiB
 #                 (host copy tree20k/)
@@ -93,6 +95,17 @@ if want dir3k64k; then
 fi
 if want info1g; then
     log "info1g"; new_volume info1g 4096 1024; finish info1g
+fi
+if want empty256; then
+    log "empty256"
+    rm -rf "${DIR:?}/files10k"
+    mkdir -p "$DIR/files10k"
+    perl -e 'my $root = shift; srand(4096);
+             for my $i (1 .. 10000) {
+                 open(my $h, ">", sprintf("%s/f%05d.bin", $root, $i)) or die; binmode $h;
+                 print $h pack("C*", map { int(rand(256)) } 1 .. 4096); close($h);
+             }' "$DIR/files10k"
+    new_volume empty256 4096 256; finish empty256
 fi
 if want file256; then
     log "file256"
