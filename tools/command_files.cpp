@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "cli.h"
+#include "ntfs_time.h"
 #include "progress.h"
 #include "ntfskit.h"
 
@@ -36,8 +37,6 @@ constexpr int64_t kRootRecord = 5;
 // Records below this are the system files, which enumeration passes over.
 constexpr int64_t kFirstUserRecord = 12;
 // NTFS time of the Unix epoch, and its units per second.
-constexpr int64_t kUnixEpoch = 116444736000000000ll;
-constexpr int64_t kTicksPerSecond = 10000000;
 
 struct Entry {
     std::u16string name;
@@ -80,20 +79,6 @@ char16_t Fold(char16_t unit) {
 bool FoldedLess(const std::u16string& a, const std::u16string& b) {
     return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
                                         [](char16_t x, char16_t y) { return Fold(x) < Fold(y); });
-}
-
-// An NTFS time as a Unix time.
-timespec UnixTime(int64_t ntfsTime) {
-    const int64_t sinceEpoch = ntfsTime - kUnixEpoch;
-    timespec spec{};
-    spec.tv_sec = static_cast<time_t>(sinceEpoch / kTicksPerSecond);
-    int64_t ticks = sinceEpoch % kTicksPerSecond;
-    if (ticks < 0) {
-        ticks += kTicksPerSecond;
-        --spec.tv_sec;
-    }
-    spec.tv_nsec = static_cast<long>(ticks * 100);
-    return spec;
 }
 
 // "YYYY-MM-DD hh:mm:ss" (UTC) of an NTFS time; with `fraction` the seven

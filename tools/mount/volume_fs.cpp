@@ -9,14 +9,12 @@
 #include <vector>
 
 #include "mount/errno_map.h"
+#include "ntfs_time.h"
 
 namespace ntfs::mount {
 
 namespace {
 
-// 100-nanosecond units from 1601-01-01 to 1970-01-01.
-constexpr int64_t kUnixEpochTicks = 116444736000000000LL;
-constexpr int64_t kTicksPerSecond = 10000000;
 // Growth by truncate or by a write past the end goes through zero-filled
 // writes of at most this many bytes.
 constexpr size_t kZeroChunk = 1 << 16;
@@ -24,18 +22,7 @@ constexpr size_t kZeroChunk = 1 << 16;
 constexpr ino_t kRootRecord = 5;
 
 struct timespec FromFileTime(const uint32_t time[2]) {
-    const int64_t ticks = static_cast<int64_t>((static_cast<uint64_t>(time[1]) << 32) | time[0]);
-    const int64_t unixTicks = ticks - kUnixEpochTicks;
-    int64_t seconds = unixTicks / kTicksPerSecond;
-    int64_t rest = unixTicks % kTicksPerSecond;
-    if (rest < 0) {
-        rest += kTicksPerSecond;
-        --seconds;
-    }
-    struct timespec value {};
-    value.tv_sec = static_cast<time_t>(seconds);
-    value.tv_nsec = static_cast<long>(rest * 100);
-    return value;
+    return UnixTime(static_cast<int64_t>((static_cast<uint64_t>(time[1]) << 32) | time[0]));
 }
 
 void RootStat(struct stat* attributes) {
