@@ -18,6 +18,7 @@
 #include "mapped_storage.h"
 #include "ntfskit.h"
 #include "recording_storage.h"
+#include "volume_path.h"
 
 namespace ntfs::cli {
 
@@ -175,9 +176,7 @@ unsigned int ListEntries(CNTFSVolume* volume, const std::u16string& directory, s
 // Reports a failed look-up of `path` in words (the case-table reason where
 // it applies); returns 1.
 int ReportLookup(CNTFSVolume* volume, const std::u16string& path, unsigned int code);
-std::u16string JoinPath(const std::u16string& directory, const std::u16string& name);
-std::u16string ParentPath(const std::u16string& path);
-std::u16string LeafOf(const std::u16string& path);
+
 // ntfskit mount ARGS...: its own options (built with libfuse3 only).
 int CommandMount(int argc, char** argv);
 

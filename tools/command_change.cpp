@@ -36,9 +36,8 @@ bool ValidName(const std::u16string& name) {
 
 // Equal as the volume compares names: a to z fold to A to Z.
 bool FoldedEqual(const std::u16string& a, const std::u16string& b) {
-    const auto fold = [](char16_t unit) { return unit >= u'a' && unit <= u'z' ? static_cast<char16_t>(unit - 32) : unit; };
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [&](char16_t x, char16_t y) {
-               return fold(x) == fold(y);
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char16_t x, char16_t y) {
+               return FoldNameUnit(x) == FoldNameUnit(y);
            });
 }
 
@@ -122,8 +121,9 @@ int CheckPut(CNTFSVolume* volume, const PutOptions& options, std::vector<PutItem
         VolumeEntry existing;
         const unsigned int at = LookUp(volume, item.target, &existing);
         if (at == ERROR_SUCCESS && existing.directory != item.directory) {
-            return FailText(Utf8(item.target) + (existing.directory ? ": is a directory on the volume; nothing was changed"
-                                                                    : ": is a file on the volume; nothing was changed"));
+            return FailText(Utf8(item.target) + (existing.directory
+                                                     ? ": is a directory on the volume; nothing was changed"
+                                                     : ": is a file on the volume; nothing was changed"));
         }
         if (at != ERROR_SUCCESS && at != ERROR_FILE_NOT_FOUND) return ReportLookup(volume, item.target, at);
         if (item.directory) continue;

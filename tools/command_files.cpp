@@ -23,8 +23,9 @@
 
 #include "cli.h"
 #include "ntfs_time.h"
-#include "progress.h"
 #include "ntfskit.h"
+#include "progress.h"
+#include "volume_path.h"
 
 namespace ntfs::cli {
 
@@ -57,28 +58,9 @@ Entry FromFindData(const _FIND_FILE_DATA& data) {
     return entry;
 }
 
-std::u16string Join(const std::u16string& directory, const std::u16string& name) {
-    return directory == u"\\" ? u"\\" + name : directory + u"\\" + name;
-}
-
-std::u16string Parent(const std::u16string& path) {
-    const size_t slash = path.rfind(u'\\');
-    return slash == 0 || slash == std::u16string::npos ? u"\\" : path.substr(0, slash);
-}
-
-std::u16string LeafName(const std::u16string& path) {
-    const size_t slash = path.rfind(u'\\');
-    return slash == std::u16string::npos ? path : path.substr(slash + 1);
-}
-
-// The library's folding: a to z lose bit 5, nothing else changes.
-char16_t Fold(char16_t unit) {
-    return unit >= u'a' && unit <= u'z' ? static_cast<char16_t>(unit - 32) : unit;
-}
-
 bool FoldedLess(const std::u16string& a, const std::u16string& b) {
     return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
-                                        [](char16_t x, char16_t y) { return Fold(x) < Fold(y); });
+                                        [](char16_t x, char16_t y) { return FoldNameUnit(x) < FoldNameUnit(y); });
 }
 
 // "YYYY-MM-DD hh:mm:ss" (UTC) of an NTFS time; with `fraction` the seven
@@ -146,7 +128,7 @@ bool Resolve(CNTFSVolume* volume, const std::string& typed, std::u16string* path
 template <typename Visit>
 unsigned int VisitEntries(CNTFSVolume* volume, const std::u16string& directory, Visit visit) {
     _FIND_FILE_DATA data{};
-    void* find = volume->FindFirstFileA(Join(directory, u"*").c_str(), &data);
+    void* find = volume->FindFirstFileA(JoinPath(directory, u"*").c_str(), &data);
     unsigned int code = ERROR_SUCCESS;
     bool any = false;
     if (find == nullptr) {
@@ -195,7 +177,7 @@ unsigned int ListDirectory(CNTFSVolume* volume, CStorage* storage, const std::u1
 bool Listed(CNTFSVolume* volume, const std::u16string& parent, const std::u16string& leaf, bool* beyondAscii) {
     *beyondAscii = false;
     _FIND_FILE_DATA data{};
-    void* find = volume->FindFirstFileA(Join(parent, u"*").c_str(), &data);
+    void* find = volume->FindFirstFileA(JoinPath(parent, u"*").c_str(), &data);
     bool listed = false;
     if (find != nullptr) {
         do {
@@ -223,7 +205,7 @@ std::string NotFoundText(CNTFSVolume* volume, const std::u16string& path) {
         at = slash + 1;
     }
     bool beyondAscii = false;
-    if (!Listed(volume, Parent(prefix), LeafName(prefix), &beyondAscii)) return "no such file or directory";
+    if (!Listed(volume, ParentPath(prefix), LeafOf(prefix), &beyondAscii)) return "no such file or directory";
     const std::string why =
         beyondAscii ? " but not found by name: the directory was ordered by another writer's case table (letters "
                       "beyond a to z compare differently there), which ntfskit does not read"
@@ -441,7 +423,7 @@ public:
                 entry.size = pieces.front()->NonResident ? static_cast<uint64_t>(pieces.front()->DataSize)
                                                          : pieces.front()->ValueLength;
             }
-            Print(Join(u"\\", entry.name), entry);
+            Print(JoinPath(u"\\", entry.name), entry);
         }
     }
 
@@ -471,7 +453,7 @@ private:
         const unsigned int code = VisitEntries(image_->Volume(), directory, [&](Entry&& entry) {
             head();
             entry.name = repeated.NameOf(entry);
-            Print(Join(directory, entry.name), entry);
+            Print(JoinPath(directory, entry.name), entry);
             if (options_.recursive && entry.directory) subdirectories.push_back(std::move(entry));
         });
         if (code != ERROR_SUCCESS) return FailLookup(image_->Volume(), directory, code);
@@ -479,7 +461,7 @@ private:
         int status = 0;
         for (const Entry& entry : subdirectories) {
             if (!options_.json) std::fputc('\n', Out());
-            status |= Tree(Join(directory, entry.name), entry.record, true);
+            status |= Tree(JoinPath(directory, entry.name), entry.record, true);
         }
         return status;
     }
@@ -675,7 +657,7 @@ private:
         if (code != ERROR_SUCCESS) return FailLookup(image_->Volume(), path, code);
         int status = 0;
         for (const Entry& entry : entries) {
-            const std::u16string child = Join(path, entry.name);
+            const std::u16string child = JoinPath(path, entry.name);
             if (!HostSafeName(entry.name)) {
                 status |= FailText(Utf8(child) +
                                    ": a name the host cannot take (empty, '.', '..' or with '/'); "
@@ -858,18 +840,6 @@ int ReportLookup(CNTFSVolume* volume, const std::u16string& path, unsigned int c
     return FailLookup(volume, path, code);
 }
 
-std::u16string JoinPath(const std::u16string& directory, const std::u16string& name) {
-    return Join(directory, name);
-}
-
-std::u16string ParentPath(const std::u16string& path) {
-    return Parent(path);
-}
-
-std::u16string LeafOf(const std::u16string& path) {
-    return LeafName(path);
-}
-
 int CommandList(const GlobalOptions&, const ListOptions& options) {
     MountedImage image;
     if (image.Open(options.image, false) != ERROR_SUCCESS) return kExitFailed;
@@ -880,7 +850,7 @@ int CommandList(const GlobalOptions&, const ListOptions& options) {
     Lister lister(&image, options);
     int status = 0;
     if (!entry.directory) {
-        entry.name = LeafName(path);
+        entry.name = LeafOf(path);
         lister.Print(path, entry);
     } else {
         status = lister.Tree(path, entry.record, options.recursive && !options.json);
@@ -967,7 +937,7 @@ int CommandGet(const GlobalOptions&, const GetOptions& options) {
         // Into an existing directory under the file's own name (the root's
         // content goes into it directly); else to DEST itself.
         std::string target = destination;
-        if (intoDirectory && path != u"\\") target += "/" + Utf8(LeafName(path));
+        if (intoDirectory && path != u"\\") target += "/" + Utf8(LeafOf(path));
         status |= entry.directory ? getter.Tree(path, entry.record, target) : getter.File(path, entry.record, target);
     }
     if (image.Close() != ERROR_SUCCESS) status = kExitFailed;

@@ -116,8 +116,8 @@ void Build(CLI::App& app, Parsed& p) {
     put->add_option("IMAGE", p.put.image, "Volume image or device")->required();
     put->add_option("SRC", p.put.sources, "Host paths, then the DEST path on the volume")->required()->expected(2, -1);
 
-    CLI::App* mkdir = AddCommand(app, p, "mkdir", "Make directories on the volume",
-                                 [&p] { return CommandMkdir(p.global, p.mkdir); });
+    CLI::App* mkdir =
+        AddCommand(app, p, "mkdir", "Make directories on the volume", [&p] { return CommandMkdir(p.global, p.mkdir); });
     mkdir->add_flag("-p,--parents", p.mkdir.parents, "Make missing parents too; an existing directory is fine");
     mkdir->add_option("IMAGE", p.mkdir.image, "Volume image or device")->required();
     mkdir->add_option("PATH", p.mkdir.paths, "Directories to make")->required();
@@ -128,13 +128,13 @@ void Build(CLI::App& app, Parsed& p) {
     rm->add_option("IMAGE", p.remove.image, "Volume image or device")->required();
     rm->add_option("PATH", p.remove.paths, "Paths on the volume")->required();
 
-    CLI::App* rmdir = AddCommand(app, p, "rmdir", "Remove empty directories",
-                                 [&p] { return CommandRmdir(p.global, p.rmdir); });
+    CLI::App* rmdir =
+        AddCommand(app, p, "rmdir", "Remove empty directories", [&p] { return CommandRmdir(p.global, p.rmdir); });
     rmdir->add_option("IMAGE", p.rmdir.image, "Volume image or device")->required();
     rmdir->add_option("PATH", p.rmdir.paths, "Directories on the volume")->required();
 
-    CLI::App* mv = AddCommand(app, p, "mv", "Rename a file inside its directory",
-                              [&p] { return CommandMove(p.global, p.move); });
+    CLI::App* mv =
+        AddCommand(app, p, "mv", "Rename a file inside its directory", [&p] { return CommandMove(p.global, p.move); });
     mv->add_option("IMAGE", p.move.image, "Volume image or device")->required();
     mv->add_option("PATH", p.move.path, "The file on the volume")->required();
     mv->add_option("NEWNAME", p.move.newName, "Its new name (a name, not a path)")->required();

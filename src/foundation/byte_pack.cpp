@@ -68,8 +68,8 @@ uint8_t* PutLength(size_t rest, uint8_t* out) {
 // a match of `length` bytes `distance` back; `*last` is the distance of the
 // run before. Returns where the next run goes, or null when it does not fit
 // before `end`.
-inline uint8_t* PutRun(const uint8_t* from, size_t literals, size_t distance, size_t length, size_t* last,
-                       uint8_t* out, const uint8_t* end) {
+inline uint8_t* PutRun(const uint8_t* from, size_t literals, size_t distance, size_t length, size_t* last, uint8_t* out,
+                       const uint8_t* end) {
     const size_t code = length == 0 ? 0 : length - kMinMatch;
     // Token, both lengths' extensions, the literals and the distance.
     const size_t most = 1 + (literals / 255 + 1) + literals + 3 + (code / 255 + 1);

@@ -228,7 +228,8 @@ void CNumberIndex::Clear() {
 void CNumberIndex::ForEach(void (*visit)(int64_t key, intptr_t value, void* context), void* context) {
     EnterCriticalSection(&Lock);
     for (int64_t word = 0; word < DenseWords; ++word) {
-        for (uint64_t bits = Dense[word]; bits != 0; bits &= bits - 1) visit(word * 64 + __builtin_ctzll(bits), 0, context);
+        for (uint64_t bits = Dense[word]; bits != 0; bits &= bits - 1)
+            visit(word * 64 + __builtin_ctzll(bits), 0, context);
     }
     for (int64_t i = 0; i < SlotCount; ++i) {
         if (IsUsed(static_cast<uint64_t>(i))) visit(Keys[i], WithValues ? Values[i] : 0, context);

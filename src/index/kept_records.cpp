@@ -27,11 +27,11 @@ namespace {
 
 // Header of a compact image; `Stored` bytes follow it.
 struct _KEPT_RECORD {
-    int32_t Stored;      // bytes that follow
-    int16_t TailZero;    // 1: they are the record's start, behind them zeros but
-                         // the sequence number at each stretch end
-    int16_t Packed;      // 1: they are the packed form of the bytes above
-    int32_t Plain;       // bytes they stand for: the record, or its start
+    int32_t Stored;    // bytes that follow
+    int16_t TailZero;  // 1: they are the record's start, behind them zeros but
+                       // the sequence number at each stretch end
+    int16_t Packed;    // 1: they are the packed form of the bytes above
+    int32_t Plain;     // bytes they stand for: the record, or its start
 };
 
 // What the scratch space of KeepPassedRecord holds.

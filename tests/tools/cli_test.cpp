@@ -553,9 +553,9 @@ TEST_F(CliTest, BadInputAndUsageErrorsChangeNothing) {
 }
 
 TEST_F(CliTest, HelpAndVersionExitZero) {
-    for (const char* arguments : {"--help", "--version", "info --help", "ls --help", "stat --help", "cat --help",
-                                  "get --help", "write --help", "put --help", "mkdir --help", "rm --help",
-                                  "rmdir --help", "mv --help"}) {
+    for (const char* arguments :
+         {"--help", "--version", "info --help", "ls --help", "stat --help", "cat --help", "get --help", "write --help",
+          "put --help", "mkdir --help", "rm --help", "rmdir --help", "mv --help"}) {
         const test::ToolResult result = Run(arguments);
         EXPECT_EQ(result.status, 0) << arguments;
         EXPECT_FALSE(result.output.empty()) << arguments;

@@ -10,8 +10,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <chrono>
+#include <csignal>
 #include <map>
 #include <string>
 #include <thread>
@@ -106,7 +106,7 @@ TEST_F(VolumeFsTest, AttributesListingsAndReadsMatchTheManifest) {
     std::map<std::u16string, std::vector<std::u16string>> children;
     for (const test::ManifestEntry& entry : test::LoadManifest("c4k")) {
         SCOPED_TRACE(entry.path_utf8);
-        children[mount::ParentOf(entry.path)].push_back(mount::LeafOf(entry.path));
+        children[ParentPath(entry.path)].push_back(LeafOf(entry.path));
         struct stat attributes {};
         ASSERT_EQ(fs_->GetAttr(entry.path, &attributes), 0);
         EXPECT_EQ(attributes.st_ino, static_cast<ino_t>(entry.record));
@@ -135,10 +135,8 @@ TEST_F(VolumeFsTest, AttributesListingsAndReadsMatchTheManifest) {
 
     struct stat missing {};
     EXPECT_EQ(fs_->GetAttr(u"\\no such file", &missing), -ENOENT);
-    EXPECT_EQ(fs_->ReadDir(u"\\no such dir", [](const std::u16string&, const struct stat&) { return true; }),
-              -ENOENT);
-    EXPECT_EQ(fs_->ReadDir(u"\\Empty.dat", [](const std::u16string&, const struct stat&) { return true; }),
-              -ENOTDIR);
+    EXPECT_EQ(fs_->ReadDir(u"\\no such dir", [](const std::u16string&, const struct stat&) { return true; }), -ENOENT);
+    EXPECT_EQ(fs_->ReadDir(u"\\Empty.dat", [](const std::u16string&, const struct stat&) { return true; }), -ENOTDIR);
     size_t stopped = 0;
     ASSERT_EQ(fs_->ReadDir(u"\\", [&](const std::u16string&, const struct stat&) { return ++stopped < 2; }), 0);
     EXPECT_EQ(stopped, 2u);
@@ -299,9 +297,9 @@ protected:
         image_ = dir_ + "/c4k.img";
         point_ = dir_ + "/mnt";
         ASSERT_EQ(mkdir(point_.c_str(), 0755), 0);
-        ASSERT_EQ(test::RunTool("cp " + test::ShellQuote(test::FixturePath("c4k")) + " " + test::ShellQuote(image_))
-                      .status,
-                  0);
+        ASSERT_EQ(
+            test::RunTool("cp " + test::ShellQuote(test::FixturePath("c4k")) + " " + test::ShellQuote(image_)).status,
+            0);
         // Whether this machine lets FUSE file systems mount at all: ntfs-3g,
         // a FUSE program of its own, mounts the image read-only and leaves.
         if (test::RunTool("ntfs-3g -o ro " + test::ShellQuote(image_) + " " + test::ShellQuote(point_) +

@@ -219,7 +219,8 @@ int RunMount(const MountSettings& settings) {
         return CheckRead(mounted, &recording, path);
     });
     fs.SetDeviceFailures([&recording] { return recording.Failures(); });
-    fs.SetRefusalLog([image](const std::u16string& path, const std::string& reason) { LogRefusal(image, path, reason); });
+    fs.SetRefusalLog(
+        [image](const std::u16string& path, const std::string& reason) { LogRefusal(image, path, reason); });
 
     std::string mountOptions = "fsname=" + settings.image + ",subtype=ntfskit,max_read=" + std::to_string(kMaxRead);
     if (settings.readOnly) mountOptions += ",ro";
@@ -240,7 +241,8 @@ int RunMount(const MountSettings& settings) {
     if (fuse_mount(fuse, settings.mountpoint.c_str()) != 0) {
         fuse_destroy(fuse);
         fs.Unmount();
-        return cli::FailText(settings.mountpoint + ": cannot mount (is it an empty directory, and is /dev/fuse there?)");
+        return cli::FailText(settings.mountpoint +
+                             ": cannot mount (is it an empty directory, and is /dev/fuse there?)");
     }
     struct fuse_session* session = fuse_get_session(fuse);
     int loop = -1;

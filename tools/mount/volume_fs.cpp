@@ -44,25 +44,13 @@ void ToStat(const _FIND_FILE_DATA& data, struct stat* attributes) {
     } else {
         attributes->st_mode = S_IFREG | (readOnly ? 0444 : 0644);
         attributes->st_nlink = 1;
-        attributes->st_size =
-            static_cast<off_t>((static_cast<uint64_t>(data.FileSizeHigh) << 32) | data.FileSizeLow);
+        attributes->st_size = static_cast<off_t>((static_cast<uint64_t>(data.FileSizeHigh) << 32) | data.FileSizeLow);
         attributes->st_blocks = (attributes->st_size + 511) / 512;
     }
     if (data.FileRecordNumber >= 0) attributes->st_ino = static_cast<ino_t>(data.FileRecordNumber);
     attributes->st_mtim = FromFileTime(data.LastWriteTime);
     attributes->st_atim = FromFileTime(data.LastAccessTime);
     attributes->st_ctim = FromFileTime(data.CreationTime);
-}
-
-std::u16string ParentOf(const std::u16string& path) {
-    const size_t last = path.rfind(u'\\');
-    if (last == std::u16string::npos || last == 0) return u"\\";
-    return path.substr(0, last);
-}
-
-std::u16string LeafOf(const std::u16string& path) {
-    const size_t last = path.rfind(u'\\');
-    return last == std::u16string::npos ? path : path.substr(last + 1);
 }
 
 VolumeFs::VolumeFs(CNTFSVolume* volume, bool readOnly) : volume_(volume), readOnly_(readOnly) {}
@@ -359,7 +347,7 @@ int VolumeFs::Rename(const std::u16string& from, const std::u16string& to, bool 
     if (readOnly_) return -EROFS;
     // The volume renames inside one directory only; a program such as mv
     // then copies and deletes.
-    if (ParentOf(from) != ParentOf(to)) return -EXDEV;
+    if (ParentPath(from) != ParentPath(to)) return -EXDEV;
     _FIND_FILE_DATA source{};
     if (!Look(from, &source)) return Errno();
     _FIND_FILE_DATA data{};

@@ -21,6 +21,7 @@
 #include <unordered_map>
 
 #include "ntfskit.h"
+#include "volume_path.h"
 
 namespace ntfs::mount {
 
@@ -119,9 +120,5 @@ private:
 
 // The attributes of one enumeration record as stat(2) gives them.
 void ToStat(const _FIND_FILE_DATA& data, struct stat* attributes);
-// The directory part of a volume path ("\" for a file in the root).
-std::u16string ParentOf(const std::u16string& path);
-// The last component of a volume path.
-std::u16string LeafOf(const std::u16string& path);
 
 }  // namespace ntfs::mount
