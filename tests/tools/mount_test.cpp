@@ -19,6 +19,7 @@
 
 #include "mount/errno_map.h"
 #include "mount/volume_fs.h"
+#include "support/cluster_audit.h"
 #include "support/fixture.h"
 #include "support/mounted_volume.h"
 #include "support/tools.h"
@@ -82,13 +83,16 @@ protected:
         return data;
     }
 
-    // Unmounts through the file system and mounts the written image again.
+    // Unmounts through the file system, mounts the written image again and
+    // audits its clusters and records.
     void Remount(bool readOnly) {
         ASSERT_EQ(fs_->Unmount(), ERROR_SUCCESS);
         fs_.reset();
         std::vector<uint8_t> image = volume_->Memory().Bytes();
         volume_ = std::make_unique<MountedVolume>(std::move(image));
         ASSERT_EQ(volume_->Mount(), 1);
+        const test::ClusterAudit audit = test::AuditClusters(volume_->Volume());
+        EXPECT_TRUE(audit.Clean()) << audit.First;
         fs_ = std::make_unique<VolumeFs>(volume_->Volume(), readOnly);
     }
 
